@@ -1,0 +1,19 @@
+# Cross-compiling orvel.exe for 64-bit Windows with mingw-w64. The -posix
+# compilers carry std::thread; tests run under wine.
+set(CMAKE_SYSTEM_NAME Windows)
+set(CMAKE_SYSTEM_PROCESSOR x86_64)
+set(CMAKE_C_COMPILER x86_64-w64-mingw32-gcc-posix)
+set(CMAKE_CXX_COMPILER x86_64-w64-mingw32-g++-posix)
+set(CMAKE_RC_COMPILER x86_64-w64-mingw32-windres)
+set(CMAKE_FIND_ROOT_PATH /usr/x86_64-w64-mingw32)
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+if(NOT CMAKE_CROSSCOMPILING_EMULATOR)
+  set(ORVEL_WINEPREFIX "$ENV{ORVEL_WINEPREFIX}")
+  if(NOT ORVEL_WINEPREFIX)
+    set(ORVEL_WINEPREFIX "${CMAKE_BINARY_DIR}/wineprefix")
+  endif()
+  set(CMAKE_CROSSCOMPILING_EMULATOR
+      env WINEPREFIX=${ORVEL_WINEPREFIX} WINEDEBUG=-all /usr/lib/wine/wine64)
+endif()
