@@ -194,7 +194,7 @@ void reg(char* out, char cls, int n) { std::snprintf(out, OPERAND_MAX, "%c%d", c
 void ea(Ctx& c, char* out) { da_ea(c.m, c.pc, (c.op >> 3) & 7, c.op & 7, c.size, out); }
 void imm(Ctx& c, char* out) { da_ea(c.m, c.pc, 7, 4, c.size, out); }
 void quick(char* out, int q) { std::snprintf(out, OPERAND_MAX, "#%d", q ? q : 8); }
-void name(Ctx& c, const char* stem, const char* suffix) {
+void set_mnemonic(Ctx& c, const char* stem, const char* suffix) {
     std::snprintf(c.mnemonic, MNEMONIC_MAX, "%s%s", stem, suffix);
 }
 void target(char* out, uint32_t address) { std::snprintf(out, OPERAND_MAX, "$%x", address); }
@@ -261,7 +261,7 @@ int condition(const Ctx& c) { return (c.op >> 8) & 15; }
 // displacement of $00 announces a word and $FF (68020) a long.
 bool bcc(Ctx& c) {
     int cc = condition(c);
-    name(c, cc == 0 ? "bra" : cc == 1 ? "bsr" : "b", cc > 1 ? da_cc[cc] : "");
+    set_mnemonic(c, cc == 0 ? "bra" : cc == 1 ? "bsr" : "b", cc > 1 ? da_cc[cc] : "");
     uint32_t base = c.pc;
     int32_t d = int8_t(c.op);
     if ((c.op & 0xFF) == 0x00) d = int16_t(next16(c.m, c.pc));
@@ -271,7 +271,7 @@ bool bcc(Ctx& c) {
 }
 
 bool dbcc(Ctx& c) {
-    name(c, "db", da_cc[condition(c)]);
+    set_mnemonic(c, "db", da_cc[condition(c)]);
     reg(c.src, 'd', ry(c));
     uint32_t base = c.pc;
     target(c.dst, base + uint32_t(int32_t(int16_t(next16(c.m, c.pc)))));
@@ -279,7 +279,7 @@ bool dbcc(Ctx& c) {
 }
 
 bool scc(Ctx& c) {
-    name(c, "s", da_cc[condition(c)]);
+    set_mnemonic(c, "s", da_cc[condition(c)]);
     ea(c, c.src);
     return true;
 }
@@ -667,8 +667,9 @@ uint32_t disasm_one(Machine& m, uint32_t address, char* text) {
         const Row& r = ROWS[i];
         Ctx c{m, address, address + 2, op, row_size(r.size, op), {}, {}, {}};
         if (r.name) {
-            if (variable_size(r.size)) name(c, r.name, c.size == 0 ? ".b" : c.size == 1 ? ".w" : ".l");
-            else name(c, r.name, "");
+            if (variable_size(r.size))
+                std::snprintf(c.mnemonic, MNEMONIC_MAX, "%s.%s", r.name, da_size_sfx[c.size]);
+            else set_mnemonic(c, r.name, "");
         }
         if (r.shape(c)) {
             da_emit(text, c.mnemonic, c.src[0] ? c.src : nullptr, c.dst[0] ? c.dst : nullptr);

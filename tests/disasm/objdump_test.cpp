@@ -8,16 +8,20 @@
 // (no instruction is longer than 22 bytes), so every slot start is decoded
 // as an instruction of its own.
 //
-// Intended differences, counted and reported, not failures:
-//  - not executed: encodings that objdump decodes but the emulated CPU does
-//    not execute (ILLEGAL, MOVEC, MOVES, BKPT, TRAPcc, CAS/CAS2, CHK2/CMP2,
-//    PACK/UNPK, 32-bit MUL/DIV, CHK.L, CALLM/RTM, coprocessor forms); this
-//    system prints them as dc.w.
+// Intended differences, where this system prints dc.w and objdump decodes;
+// counted and reported, not failures:
+//  - not executed: encodings that the emulated CPU does not execute (ILLEGAL,
+//    MOVEC, MOVES, BKPT, TRAPcc, CAS/CAS2, CHK2/CMP2, PACK/UNPK, 32-bit
+//    MUL/DIV, CHK.L, CALLM/RTM) and objdump's "swbeg" pseudo-op.
+//  - line F: the 68851/68881 coprocessor forms that objdump also decodes.
 //  - 68020 modes: TST with An, PC-relative or immediate operands and CMPI
 //    with PC-relative operands, which the CPU does not execute either.
+//  - byte quick to An: ADDQ.B/SUBQ.B to an address register, which the
+//    68000 does not have and objdump accepts.
 // Differences of syntax that the normaliser removes:
 //  - MIT operands (%d0, %a0@(16), %pc@(...), %fp/%sp for a6/a7) become this
-//    system's forms; mnemonic size letters (moveal) become suffixes.
+//    system's forms; mnemonics are compared without the dot (movea.l and
+//    moveal).
 //  - Immediates are compared as values masked to the operation size
 //    (objdump prints signed decimal, this system unsigned hex).
 //  - abs.W is printed as its word here and sign-extended by objdump.
@@ -34,7 +38,6 @@
 #include <gtest/gtest.h>
 
 #include <cctype>
-#include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -120,8 +123,10 @@ std::string canon_ours_operand(const std::string& op, uint32_t mask) {
     size_t brace = op.find('{');
     if (brace != std::string::npos)
         return canon_ours_operand(op.substr(0, brace), mask) + op.substr(brace);
-    if (starts(op, "#$")) return "#" + std::to_string(std::strtoul(op.c_str() + 2, nullptr, 16) & mask);
-    if (starts(op, "#")) return "#" + std::to_string(uint32_t(std::strtol(op.c_str() + 1, nullptr, 10)) & mask);
+    if (starts(op, "#$"))
+        return "#" + std::to_string(std::strtoul(op.c_str() + 2, nullptr, 16) & mask);
+    if (starts(op, "#"))
+        return "#" + std::to_string(uint32_t(std::strtol(op.c_str() + 1, nullptr, 10)) & mask);
     if (starts(op, "$")) {
         char* end;
         uint32_t v = uint32_t(std::strtoul(op.c_str() + 1, &end, 16));
@@ -160,7 +165,8 @@ Canon canon_ours(const std::string& text) {
     }
     uint32_t mask = immediate_mask(mn);
     for (const std::string& op : split_operands(rest)) {
-        if (starts(mn, "movem") && (op == "#0" || (op[0] != '$' && op.find('(') == std::string::npos)))
+        if (starts(mn, "movem") &&
+            (op == "#0" || (op[0] != '$' && op.find('(') == std::string::npos)))
             c.operands.push_back("regs:" + hex(ours_register_mask(op)));
         else
             c.operands.push_back(canon_ours_operand(op, mask));
@@ -244,7 +250,8 @@ std::string canon_mit_operand(const std::string& op, uint32_t mask) {
     std::string index;
     for (const auto& g : groups)
         if (g.size() > 1) index = "," + mit_index(g[1]);
-    if (base == "%pc") return "pcabs:" + hex(uint32_t(std::strtoull(bd.c_str(), nullptr, 16))) + index;
+    if (base == "%pc")
+        return "pcabs:" + hex(uint32_t(std::strtoull(bd.c_str(), nullptr, 16))) + index;
     std::string b = (base.empty() || base == "%zpc") ? "z" : mit_register(base);
     if (groups.size() == 1 && index.empty() && b != "z") return "amb:" + bd + "(" + b + ")";
     std::string d = std::to_string(mit_hex(bd));
@@ -280,7 +287,8 @@ Canon canon_mit(const std::string& text, const std::string& ours_mnemonic) {
         ops.erase(ops.begin() + long(at), ops.begin() + long(at) + 3);
         c.operands.push_back(field);
         for (const std::string& o : ops)
-            c.operands.insert(mn == "bfins" ? c.operands.begin() : c.operands.end(), mit_register(o));
+            c.operands.insert(mn == "bfins" ? c.operands.begin() : c.operands.end(),
+                              mit_register(o));
         return c;
     }
     for (const std::string& op : ops) {
@@ -315,7 +323,8 @@ bool operand_agrees(const std::string& ours, const std::string& mit, const Sampl
         // displacement without index in hex, in the same form.
         std::string bd = mit.substr(4, mit.find('(') - 4);
         std::string reg = mit.substr(mit.find('('));
-        if (starts(ours, "d16:")) return ours == "d16:" + std::to_string(std::strtol(bd.c_str(), nullptr, 10)) + reg;
+        if (starts(ours, "d16:"))
+            return ours == "d16:" + std::to_string(std::strtol(bd.c_str(), nullptr, 10)) + reg;
         if (starts(ours, "full:")) return ours == "full:" + std::to_string(mit_hex(bd)) + reg;
         return false;
     }
@@ -346,9 +355,9 @@ bool agrees(const Sample& s) {
 }
 
 // Encodings that objdump knows and the emulated CPU does not execute.
-const char* const NOT_EXECUTED[] = {"illegal", "movec", "moves", "bkpt", "trap", "cas",
-                                    "chk2",    "cmp2",  "pack",  "unpk", "mulsl", "mulul",
-                                    "divsl",   "divul", "divsll", "divull", "chkl", "callm",
+const char* const NOT_EXECUTED[] = {"illegal", "movec", "moves",  "bkpt",   "trap",  "cas",
+                                    "chk2",    "cmp2",  "pack",   "unpk",   "mulsl", "mulul",
+                                    "divsl",   "divul", "divsll", "divull", "chkl",  "callm",
                                     "rtm",     "cp",    "swbeg"};
 
 const char* intended_difference(const Sample& s) {
@@ -357,13 +366,15 @@ const char* intended_difference(const Sample& s) {
     std::string rest = s.objdump.substr(mn.size());
     if ((s.opcode & 0xF000) == 0xF000) return "line F";
     for (const char* stem : NOT_EXECUTED)
-        if (starts(mn, stem) && !(std::strcmp(stem, "trap") == 0 && (mn == "trap" || mn == "trapv")))
+        if (starts(mn, stem) &&
+            !(std::strcmp(stem, "trap") == 0 && (mn == "trap" || mn == "trapv")))
             return "not executed";
     bool tst = mn == "tstb" || mn == "tstw" || mn == "tstl";
     bool cmpi = mn == "cmpib" || mn == "cmpiw" || mn == "cmpil";
     bool extended = rest.find("%pc") != std::string::npos || rest.find("%zpc") != std::string::npos;
-    if (tst && (extended || rest.find(" %a") != std::string::npos || rest.find(" %fp") != std::string::npos ||
-                rest.find(" %sp") != std::string::npos || rest.find(" #") != std::string::npos))
+    if (tst && (extended || rest.find(" %a") != std::string::npos ||
+                rest.find(" %fp") != std::string::npos || rest.find(" %sp") != std::string::npos ||
+                rest.find(" #") != std::string::npos))
         return "68020 modes";
     if (cmpi && extended) return "68020 modes";
     bool to_an = rest.find(",%a") != std::string::npos || rest.find(",%fp") != std::string::npos ||
@@ -405,9 +416,11 @@ TEST(ObjdumpAgreement, RandomInstructionBytes) {
     if (std::system((std::string(OBJDUMP) + " --version > /dev/null 2>&1").c_str()) != 0)
         GTEST_SKIP() << OBJDUMP << " is not installed";
     uint32_t seed = 0x6d36386b;
-    if (const char* s = std::getenv("ORVEL_DISASM_SEED")) seed = uint32_t(std::strtoul(s, nullptr, 0));
-    std::printf("objdump agreement: seed %#x (set ORVEL_DISASM_SEED to repeat another), %u samples\n",
-                seed, BATCH * BATCHES);
+    if (const char* s = std::getenv("ORVEL_DISASM_SEED"))
+        seed = uint32_t(std::strtoul(s, nullptr, 0));
+    std::printf(
+        "objdump agreement: seed %#x (set ORVEL_DISASM_SEED to repeat another), %u samples\n", seed,
+        BATCH * BATCHES);
     std::mt19937 rng(seed);
     MachinePtr mp = make_machine();
     Machine& m = *mp;
