@@ -402,8 +402,9 @@ bool bf_dn_ea(Ctx& c) {
 
 // clang-format off
 // Letters in the pictures: s size, x and y register fields, e the EA
-// (mode and register), q quick data, c condition, d displacement, t type,
-// v trap vector, m MOVE's destination (register then mode).
+// (mode and register), q quick data, c condition, d displacement (branches)
+// or direction (shifts), i count in a register, t shift type, v trap
+// vector, m MOVE's destination (register then mode).
 constexpr Row ROWS[] = {
     // ---- 0000: immediates, bit operations, MOVEP ----
     {"0000 0000 0011 1100", "ori.b",  Size::b,      imm_ccr},
