@@ -10,6 +10,7 @@
 
 #include "chipset/cia.h"
 #include "cpu/cpu.h"
+#include "disasm/disasm.h"
 #include "host/deli.h"
 #include "machine.h"
 
@@ -51,12 +52,6 @@ constexpr auto CODE_PAGES = [] {
 
 bool pc_in_code(uint32_t pc) { return pc < CHIP_RAM_SIZE && CODE_PAGES[pc >> PAGE_SHIFT]; }
 
-// FALLBACK until the disassembler's trace_print_step lands: the design lets
-// a trace line be just the PC and the opcode word.
-void print_trace_line(Machine& m) {
-    std::printf("%08x  %04x\n", m.pc, chip_peek16(m, m.pc));
-}
-
 void report_out_of_range(const Machine& m, uint32_t routine, uint32_t count,
                          const uint32_t* ring) {
     std::fprintf(stderr, "deli_call: PC=%08x out of range (routine=%08x i=%u)\n", m.pc, routine,
@@ -91,11 +86,11 @@ uint32_t run_loop(Machine& m, uint32_t routine) {
             trace_break_hit = true;
             std::fprintf(stderr, "trace-pc: break at %08x (routine=%08x i=%u)\n", pc, routine,
                          count);
-            print_trace_line(m);
+            trace_print_step(m);
             return m.d[0];
         }
         if (trace_log && trace_window_open(pc)) {
-            print_trace_line(m);
+            trace_print_step(m);
             trace_logged++;
         }
         if (!pc_in_code(pc)) {
