@@ -102,6 +102,7 @@ TEST_F(HunkTest, AcceptedLayouts) {
         {"last HUNK_END omitted", be_longs({H, 0, 1, 0, 0, 1, CODE, 1, 0x4E754E71}), {4}},
         {"resident names skipped", be_longs({H, 2, 0x41424344, 0x45464748, 1, 0x49000000, 0, 1, 0, 0, 1, CODE, 1, 0x4E754E71, END}),
          {4}},
+        // 110 in the top bits of a size: an attribute longword follows; 111: not.
         {"memory flags on sizes and tags",
          be_longs({H, 0, 3, 0, 2, 0xC0000001, 0x00010002, 0xE0000001, 0x40000001, 0x800003E9, 1,
                    0x4E754E71, END, 0x400003EA, 1, 0, END, 0x400003EB, 1, END}),
@@ -122,17 +123,6 @@ TEST_F(HunkTest, AcceptedLayouts) {
         for (size_t i = 0; i < c.sizes.size(); i++) EXPECT_EQ(m.hunk_size[i], c.sizes[i]);
         EXPECT_EQ(read32(m, PLAYER_LOAD_ADDR), 0x4E754E71u);
     }
-}
-
-TEST_F(HunkTest, AttributeLongwordOnlyFollowsFlagsOneOneZero) {
-    // 0xC0000010 carries a memory-attribute longword, 0xE0000010 does not;
-    // both are 0x10 longwords.
-    auto file = be_longs({H, 0, 2, 0, 1, 0xC0000010, 0x12345678, 0xE0000010, BSS, 0x10, END, BSS,
-                          0x10, END});
-    EXPECT_EQ(load(file), PLAYER_LOAD_ADDR);
-    EXPECT_EQ(m.hunk_size[0], 0x40u);
-    EXPECT_EQ(m.hunk_size[1], 0x40u);
-    EXPECT_EQ(m.hunk_addr[1], PLAYER_LOAD_ADDR + 0x40);
 }
 
 TEST_F(HunkTest, HunksLieBackToBack) {
