@@ -8,7 +8,6 @@
 #include <array>
 #include <cstdio>
 
-#include "chipset/cia.h"
 #include "cpu/cpu.h"
 #include "disasm/disasm.h"
 #include "host/deli.h"
