@@ -75,7 +75,7 @@ float clamp_separation(double v) {
 
 void apply(Machine& m, const char* key, const char* value) {
     if (std::strcmp(key, "separation") == 0) {
-        m.separation = clamp_separation(std::atof(value));
+        m.separation = clamp_separation(std::strtod(value, nullptr));  // leading number, 0 if none
     } else if (std::strcmp(key, "model") == 0) {
         m.model = equals_nocase(value, "a1200") ? 1 : 0;
     } else if (std::strcmp(key, "led_filter") == 0) {

@@ -14,8 +14,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <system_error>
-#include <thread>
 
 #include "playback/audio.h"
 #include "playback/audio_thread.h"
@@ -40,7 +38,8 @@ uint32_t alsa_buffer_frames;
 uint32_t alsa_period_frames;
 uint32_t alsa_underrun_count;
 std::atomic<uint32_t> alsa_running;
-std::thread alsa_thread;
+pthread_t alsa_thread;
+bool alsa_thread_made;
 float* alsa_buffer;           // one buffer of interleaved frames for the callback
 struct pollfd* alsa_pollfds;  // [0] = the wake-up pipe, then the PCM's descriptors
 int alsa_pcm_nfds;
@@ -192,7 +191,7 @@ bool feed(Feed& f, int64_t n) {
     return true;
 }
 
-void alsa_thread_proc() {
+void* alsa_thread_proc(void*) {
     audio_flush_denormals();
     raise_priority();
     Feed f{std::chrono::steady_clock::now(), 0, 0, 0};
@@ -221,16 +220,14 @@ void alsa_thread_proc() {
         }
         budget = pace_budget(f);
         if (!feed(f, avail < budget ? avail : budget)) break;
-        // After a recovery the stream waits for a full buffer; start it with what it has.
-        if (snd_pcm_state(alsa_pcm) == SND_PCM_STATE_PREPARED && snd_pcm_avail_update(alsa_pcm) == 0)
-            snd_pcm_start(alsa_pcm);
     }
+    return nullptr;
 }
 
 }  // namespace
 
 int audio_open(uint32_t latency_us, AudioCallback callback, void* context) {
-    if (alsa_pcm || alsa_thread.joinable()) {
+    if (alsa_pcm || alsa_thread_made) {
         std::fprintf(stderr, "alsa_open: output already open\n");
         return -1;
     }
@@ -263,24 +260,25 @@ int audio_open(uint32_t latency_us, AudioCallback callback, void* context) {
                  snd_pcm_type_name(snd_pcm_type(alsa_pcm)));
 
     alsa_running.exchange(1);
-    try {
-        alsa_thread = std::thread(alsa_thread_proc);
-    } catch (const std::system_error& e) {
-        std::fprintf(stderr, "alsa_open: thread creation failed: %s\n", e.what());
+    err = pthread_create(&alsa_thread, nullptr, alsa_thread_proc, nullptr);
+    if (err != 0) {
+        std::fprintf(stderr, "alsa_open: pthread_create failed: %s\n", std::strerror(err));
         alsa_running.store(0);
         audio_close();
         return -1;
     }
+    alsa_thread_made = true;
     return 0;
 }
 
 void audio_close() {
-    if (alsa_thread.joinable()) {
+    if (alsa_thread_made) {
         alsa_running.store(0);
         char wake = 1;
         ssize_t ignored = write(alsa_wake[1], &wake, 1);
         (void)ignored;
-        alsa_thread.join();
+        pthread_join(alsa_thread, nullptr);
+        alsa_thread_made = false;
     }
     if (alsa_pcm) {
         snd_pcm_drop(alsa_pcm);
