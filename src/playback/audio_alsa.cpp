@@ -167,10 +167,12 @@ int64_t pace_budget(const Feed& f) {
     return int64_t(us) * ALSA_RATE * PACE_PER_MILLE / 1000 / 1000000 + alsa_buffer_frames - f.fed;
 }
 
-// Write up to n frames, producing more from the callback as the device takes
-// them. A short write keeps the rest for the next wake so that nothing the
-// callback produced is lost or repeated. False if the stream failed for good.
-bool feed(Feed& f, int64_t n) {
+// Writes up to n frames, producing more from the callback as the device
+// takes them. A short write keeps the rest for the next wake so that nothing
+// the callback produced is lost or repeated. Returns the frames written, or
+// -1 if the stream failed for good.
+int64_t feed(Feed& f, int64_t n) {
+    int64_t written = 0;
     while (n > 0) {
         if (f.pending == 0) {
             uint32_t chunk = n < alsa_buffer_frames ? uint32_t(n) : alsa_buffer_frames;
@@ -181,45 +183,53 @@ bool feed(Feed& f, int64_t n) {
         }
         snd_pcm_uframes_t want = n < f.pending ? snd_pcm_uframes_t(n) : f.pending;
         snd_pcm_sframes_t w = snd_pcm_writei(alsa_pcm, alsa_buffer + size_t(f.offset) * ALSA_CHANNELS, want);
-        if (w == -EAGAIN || w == 0) return true;
-        if (w < 0) return recover(int(w));
+        if (w == -EAGAIN || w == 0) break;
+        if (w < 0) return recover(int(w)) ? written : -1;
         f.pending -= uint32_t(w);
         f.offset += uint32_t(w);
         f.fed += w;
+        written += w;
         n -= w;
     }
-    return true;
+    return written;
 }
 
 void* alsa_thread_proc(void*) {
     audio_flush_denormals();
     raise_priority();
     Feed f{std::chrono::steady_clock::now(), 0, 0, 0};
+    bool idle = false;  // the last wake-up moved nothing
     while (alsa_running.load() == 1) {
-        // When the clock holds the feed back, sleep on the wake-up pipe alone
-        // until a period's worth is allowed; otherwise wait for the device.
+        // When the clock holds the feed back, or the device woke us without
+        // taking anything, sleep on the wake-up pipe alone for about a
+        // period; otherwise wait for the device.
         int64_t budget = pace_budget(f);
         bool paced = budget < int64_t(alsa_period_frames);
         int timeout = WAIT_TIMEOUT_MS;
         if (paced) timeout = int((alsa_period_frames - budget) * 1000 / ALSA_RATE) + 1;
-        int r = poll(alsa_pollfds, paced ? 1 : nfds_t(alsa_pcm_nfds) + 1, timeout);
+        else if (idle) timeout = int(alsa_period_frames * 1000 / ALSA_RATE) + 1;
+        bool device = !paced && !idle;
+        int r = poll(alsa_pollfds, device ? nfds_t(alsa_pcm_nfds) + 1 : 1, timeout);
         if (alsa_running.load() != 1) break;
         if (r < 0) {
             if (errno == EINTR) continue;
             std::fprintf(stderr, "alsa_thread: poll failed: %s\n", std::strerror(errno));
             break;
         }
-        if (paced || r == 0) continue;
+        idle = false;
+        if (!device || r == 0) continue;
         unsigned short revents = 0;
         snd_pcm_poll_descriptors_revents(alsa_pcm, alsa_pollfds + 1, unsigned(alsa_pcm_nfds), &revents);
-        if (!(revents & (POLLOUT | POLLERR))) continue;
+        if (!(revents & (POLLOUT | POLLERR | POLLHUP | POLLNVAL))) continue;
         snd_pcm_sframes_t avail = snd_pcm_avail_update(alsa_pcm);
         if (avail < 0) {
             if (!recover(int(avail))) break;
             continue;
         }
         budget = pace_budget(f);
-        if (!feed(f, avail < budget ? avail : budget)) break;
+        int64_t written = feed(f, avail < budget ? avail : budget);
+        if (written < 0) break;
+        idle = written == 0;
     }
     return nullptr;
 }

@@ -69,3 +69,7 @@ orvel_audio_home(nodevice_home playback_audio_nodevice "type hw; card 99")
 add_test(NAME playback_audio_nodevice COMMAND test_playback --gtest_filter=AudioNoDevice.*)
 set_tests_properties(playback_audio_nodevice PROPERTIES
   ENVIRONMENT "HOME=${nodevice_home};ORVEL_TEST_AUDIO=nodevice")
+
+# The configuration tests (test_cli) write orvel.conf next to the test
+# executables, where config_load called by the engine's tests would read it.
+set_tests_properties(cli playback PROPERTIES RESOURCE_LOCK orvel_conf_beside_tests)
