@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -114,6 +115,54 @@ uint64_t check_capture(const Played& p, uint64_t& leading_silence) {
     return next;
 }
 
+// Every line the output printed is one of its own forms, the required ones
+// present, and the buffer's length in ms agrees with its frame count.
+void check_report(const Played& p) {
+    struct Form {
+        const char* pattern;
+        bool required;
+        bool open_report;  // groups 1 and 2: buffer frames and ms
+    };
+#ifdef _WIN32
+    const Form forms[] = {
+        {R"(wasapi: device mix format (PCM|FLOAT|EXTENSIBLE|\?) rate=\d+ ch=\d+ bits=\d+)", true, false},
+        {R"(wasapi: 48000 Hz f32 stereo, buffer (\d+) frames \(([0-9.]+) ms\), device period \d+ frames \([0-9.]+ ms\), SRC bypassed)", true, true},
+        {R"(wasapi: audio thread MMCSS task=\d+ \(Pro Audio\))", true, false},
+        {R"(wasapi_thread: underrun #\d+ \(endpoint drained before wake\))", false, false},
+    };
+#else
+    const Form forms[] = {
+        {R"(alsa: 48000 Hz f32 stereo, buffer (\d+) frames \(([0-9.]+) ms\), period \d+ frames \([0-9.]+ ms\), pcm default \(FILE\))", true, true},
+        {R"(alsa: (audio thread SCHED_FIFO priority \d+|pthread_setschedparam\(SCHED_FIFO \d+\) failed: .+))", true, false},
+        {R"(alsa_thread: underrun #\d+ \(device drained before wake\))", false, false},
+    };
+#endif
+    std::vector<int> seen(std::size(forms), 0);
+    size_t start = 0;
+    for (size_t end; (end = p.report.find('\n', start)) != std::string::npos; start = end + 1) {
+        std::string line = p.report.substr(start, end - start);
+        bool known = false;
+        for (size_t i = 0; i < std::size(forms) && !known; i++) {
+            std::smatch m;
+            if (!std::regex_match(line, m, std::regex(forms[i].pattern))) continue;
+            known = true;
+            seen[i]++;
+            if (forms[i].open_report) {
+                char ms[32];
+                std::snprintf(ms, sizeof ms, "%.2f", std::stoul(m[1].str()) * 1000.0 / 48000);
+                EXPECT_EQ(m[2].str(), ms) << line;
+            }
+        }
+        EXPECT_TRUE(known) << "unexpected output: " << line;
+    }
+    EXPECT_EQ(start, p.report.size()) << "unterminated output: " << p.report.substr(start);
+    for (size_t i = 0; i < std::size(forms); i++) {
+        if (forms[i].required) {
+            EXPECT_EQ(seen[i], 1) << forms[i].pattern << "\n" << p.report;
+        }
+    }
+}
+
 void check_callbacks(const Played& p) {
     const Producer& q = p.producer;
     EXPECT_GT(q.calls, 0u);
@@ -133,6 +182,7 @@ constexpr uint64_t MIN_FRAMES = 4800;  // 100 ms: the thread ran and kept up at 
 TEST(AudioCapture, DeliversEveryFrameInOrder) {
     if (!scenario("capture")) GTEST_SKIP() << "runs as the playback_audio_capture_play CTest entry";
     Played p = play_for(10000, PLAY_TIME);
+    check_report(p);
     check_callbacks(p);
     uint64_t silence = 0;
     uint64_t arrived = check_capture(p, silence);
@@ -157,6 +207,7 @@ TEST(AudioCapture, DeliversEveryFrameInOrder) {
 TEST(AudioCapture, ShortestLatencyStillGetsADevicePeriod) {
     if (!scenario("capture")) GTEST_SKIP() << "runs as the playback_audio_capture_play CTest entry";
     Played p = play_for(1000, PLAY_TIME);
+    check_report(p);
     check_callbacks(p);
     EXPECT_GE(p.buffer_frames, p.period_frames) << p.report;
     EXPECT_GE(p.buffer_frames, 48u) << p.report;  // at least the 1 ms asked for
