@@ -21,8 +21,9 @@ endfunction()
 # names the WAV file; ORVEL_CAPTURE_WAV holds it too, and ORVEL_CAPTURE_RAW
 # names the capture for PLAY (wine does not pass HOME on to Windows programs).
 # Commands may start with a target name (orvel, test_playback): they then run
-# through wine when cross compiling. Four CTest entries: <name>_clean, _play, _render, _compare.
-# For the player, e.g.:
+# through wine when cross compiling. MIN_FRAMES (default 48000) frames of
+# sound must overlap; TOLERANCE (default 0) is in 16-bit steps. Four CTest
+# entries: <name>_clean, _play, _render, _compare. For the player, e.g.:
 #   orvel_audio_capture_test(play_mod_matches_wav
 #     PLAY orvel play ${player} ${module} 2
 #     RENDER orvel play-wav ${player} ${module} @WAV@ 4)
