@@ -74,3 +74,51 @@ inline Bytes hex(const char* text) {
     }
     return b;
 }
+
+// Sample header s (1-based) of a tracker module.
+inline void put_sample(Bytes& b, int s, uint32_t length, uint8_t finetune, uint8_t volume,
+                       uint32_t repeat_start, uint32_t repeat_length) {
+    size_t h = 20 + 30 * size_t(s - 1);
+    put_be16(b, h + 22, length);
+    b[h + 24] = finetune;
+    b[h + 25] = volume;
+    put_be16(b, h + 26, repeat_start);
+    put_be16(b, h + 28, repeat_length);
+}
+
+// A 31-instrument module: tag, samples, orders and notes set one by one.
+struct Mod31 {
+    Bytes b;
+    Mod31(const char* tag, int patterns) : b(1084 + size_t(patterns) * 1024, 0) {
+        std::memcpy(b.data() + 1080, tag, 4);
+        b[950] = 1;
+    }
+    Mod31& sample(int s, uint32_t length, uint8_t finetune, uint8_t volume, uint32_t repeat_start,
+                  uint32_t repeat_length) {
+        put_sample(b, s, length, finetune, volume, repeat_start, repeat_length);
+        return *this;
+    }
+    // Every sample empty with the given repeat length.
+    Mod31& empty_samples(uint32_t repeat_length) {
+        for (int s = 1; s <= 31; s++) sample(s, 0, 0, 0, 0, repeat_length);
+        return *this;
+    }
+    Mod31& order(int i, uint8_t pattern) {
+        b[952 + i] = pattern;
+        return *this;
+    }
+    Mod31& restart(uint8_t r) {
+        b[951] = r;
+        return *this;
+    }
+    Mod31& song_length(uint8_t l) {
+        b[950] = l;
+        return *this;
+    }
+    Mod31& note(int pattern, int row, int channel, int effect, uint8_t param) {
+        size_t at = 1084 + size_t(pattern) * 1024 + size_t(row) * 16 + size_t(channel) * 4;
+        b[at + 2] = uint8_t(effect);
+        b[at + 3] = param;
+        return *this;
+    }
+};
