@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <memory>
+#include <random>
 
 #include "cli/config.h"
 #include "formats/epconf.h"
@@ -385,6 +387,33 @@ TEST_F(Epconf, RealModules) {
         epconf_resolve_epopt(*mp, player, path.c_str(), data, len);
         EXPECT_STREQ(mp->epopt, c.epopt);
         std::free(data);
+    }
+}
+
+TEST_F(Epconf, RandomContentsOfEveryLength) {
+    players({"ProTracker", "Soundtracker-IV", "UltimateSoundtracker", "AudioSculpture", "TFMX",
+             "TFMX-Pro", "TFMX-7V", "TFMX-TFHD", "TFMX-Pro-TFHD", "TFMX-7V-TFHD"});
+    table("ProTracker prefixes=mod\nTFMX prefixes=mdat\n");
+    const char* magics[] = {"TFMX-SONG ", "TFMX ", "TFHD", "tfmxsong", ""};
+    std::mt19937 rng(5);
+    for (int round = 0; round < 400; round++) {
+        uint32_t len = round < 40 ? uint32_t(round * 70) : rng() % 6000;
+        // Exact-size heap copy: any read past the module is caught.
+        std::unique_ptr<uint8_t[]> data(new uint8_t[len + 1]);
+        for (uint32_t i = 0; i < len; i++) data[i] = uint8_t(rng() % 4 ? 0 : rng());
+        const char* magic = magics[round % 5];
+        if (len >= 16) std::memcpy(data.get(), magic, std::strlen(magic));
+        if (len >= 1084 && round % 3 == 0) std::memcpy(data.get() + 1080, round % 2 ? "M.K." : "FLT4", 4);
+        if (len >= 476 && round % 4 == 0) {  // TFMX offsets near or past the end
+            for (int i = 0; i < 3; i++) {
+                uint32_t v = len - rng() % 64;
+                if (rng() % 2) v = v >> 24 | (v >> 8 & 0xFF00) | (v << 8 & 0xFF0000) | v << 24;
+                for (int k = 0; k < 4; k++) data[464 + 4 * i + k] = uint8_t(v >> (24 - 8 * k));
+            }
+        }
+        char out[8192];
+        for (const char* name : {"song.mod", "mdat.song"})
+            EXPECT_EQ(epconf_identify(name, data.get(), len, out, sizeof out), 1);
     }
 }
 

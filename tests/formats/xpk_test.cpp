@@ -51,7 +51,7 @@ int duke(const uint8_t* s, uint32_t sl, uint8_t* d, uint32_t dl) { return xpk_nu
 // read past it) into an exact-size output.
 bool decode(Decoder f, const Bytes& chunk, uint32_t ulen, Bytes& out) {
     uint8_t* src = static_cast<uint8_t*>(std::malloc(chunk.size() + 1));
-    std::memcpy(src, chunk.data(), chunk.size());
+    if (!chunk.empty()) std::memcpy(src, chunk.data(), chunk.size());
     uint8_t* dst = static_cast<uint8_t*>(std::malloc(ulen + 1));
     bool ok = f(src, uint32_t(chunk.size()), dst, ulen) == 0;
     out.assign(dst, dst + ulen);
