@@ -22,7 +22,7 @@ constexpr size_t MODULE_NAME_MAX = 511;
 constexpr size_t EXTENSION_MAX = 63;
 constexpr size_t EPOPT_MAX = sizeof(Machine::epopt) - 1;
 constexpr int PREFIX_SCORE = 1000;    // any prefix match beats any extension match
-constexpr size_t PATH_MAX_CHARS = 4160;
+constexpr size_t PATH_MAX_CHARS = EXE_DIR_MAX + 512;
 
 constexpr const char* SEPARATORS = " \t\r\n";
 
@@ -41,9 +41,12 @@ struct ConfLine {
     bool has_epopt = false;
 };
 
-bool starts_with(const char* text, size_t len, const char* prefix) {
-    size_t n = std::strlen(prefix);
-    return len >= n && std::memcmp(text, prefix, n) == 0;
+// The value of a "name=value" token, when the token has that name.
+bool token_value(const char* token, size_t len, const char* name, Span& value) {
+    size_t n = std::strlen(name);
+    if (len < n || std::memcmp(token, name, n) != 0) return false;
+    value = {token + n, len - n};
+    return true;
 }
 
 bool parse_line(const char* line, ConfLine& out) {
@@ -59,12 +62,9 @@ bool parse_line(const char* line, ConfLine& out) {
             if (n > PLAYER_NAME_MAX) return false;
             out.player = {p, n};
             first = false;
-        } else if (starts_with(p, n, "prefixes=")) {
-            Span keys{p + 9, n - 9};
-            if (!out.first_prefixes.text) out.first_prefixes = keys;
-            out.last_prefixes = keys;
-        } else if (starts_with(p, n, "epopt=")) {
-            out.last_epopt = {p + 6, n - 6};
+        } else if (token_value(p, n, "prefixes=", out.last_prefixes)) {
+            if (!out.first_prefixes.text) out.first_prefixes = out.last_prefixes;
+        } else if (token_value(p, n, "epopt=", out.last_epopt)) {
             out.has_epopt = true;
         }
         p += n;
@@ -134,8 +134,9 @@ bool player_exists(const char* name) {
     char path[PATH_MAX_CHARS];
     player_path(path, sizeof path, name);
     FILE* f = path[0] ? std::fopen(path, "rb") : nullptr;
-    if (f) std::fclose(f);
-    return f != nullptr;
+    if (!f) return false;
+    std::fclose(f);
+    return true;
 }
 
 int name_score(const char* name, size_t name_len, Span prefixes) {
@@ -167,6 +168,7 @@ constexpr uint32_t MOD31_MIN = 1084;
 constexpr uint32_t ST15_MAX_SONG = 128;
 constexpr uint32_t ST15_MAX_PATTERN = 63;
 constexpr uint8_t ST15_DEFAULT_TEMPO = 120;
+constexpr uint32_t MAX_VOLUME = 64;
 constexpr uint32_t ST15_LONG_SAMPLE = 10000;  // words
 constexpr uint32_t SAMPLE_SPACE = 0x10000;    // bytes a 15-instrument sample may span
 
@@ -202,7 +204,7 @@ St15 soundtracker15(const uint8_t* data, uint32_t len) {
     bool disk_names = false;
     for (int s = 1; s <= int(ST15_SAMPLES); s++) {
         ModSample smp = mod_sample(data, s);
-        if (smp.finetune != 0 && smp.volume > 64) return St15::NOT_ST15;
+        if (smp.finetune != 0 && smp.volume > MAX_VOLUME) return St15::NOT_ST15;
         uint32_t loop_end = smp.repeat_start + 2 * smp.repeat_length;  // start counted in bytes
         if (smp.length != 0 && loop_end > 2 * smp.length) loops_past_end++;
         if (smp.length < ST15_LONG_SAMPLE && loop_end >= SAMPLE_SPACE) loops_past_space++;
