@@ -76,4 +76,3 @@ BENCHMARK_CAPTURE(xpk, fast, "xpk/test_C1_fast.xpkf");
 BENCHMARK_CAPTURE(xpk, rlen, "xpk/test_C1_rlen.xpkf");
 BENCHMARK_CAPTURE(xpk, none, "xpk/test_C1_none.xpkf");
 
-BENCHMARK_MAIN();
