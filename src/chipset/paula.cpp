@@ -58,11 +58,14 @@ struct PlainOps {
     using V4 = Pair;
     static v2d fma(v2d a, v2d b, v2d c) { return a * b + c; }
     static Pair fma(Pair a, Pair b, Pair c) { return {fma(a.lo, b.lo, c.lo), fma(a.hi, b.hi, c.hi)}; }
-    static v2d fms(v2d a, v2d b, v2d c) { return a * b - c; }
     static Pair join(v2d lo, v2d hi) { return {lo, hi}; }
     static v2d lo(Pair a) { return a.lo; }
     static v2d hi(Pair a) { return a.hi; }
-    static Pair cross(Pair a, Pair b) { return {a.hi, b.lo}; }  // a's high half, b's low half
+    static void add_to(double* p, Pair x) {
+        v2d* v = reinterpret_cast<v2d*>(p);
+        v[0] += x.lo;
+        v[1] += x.hi;
+    }
 };
 
 using MixFn = void (*)(PaulaState&, float*, int);

@@ -30,11 +30,10 @@ struct FusedOps {
     using V4 = v4d;
     static v2d fma(v2d a, v2d b, v2d c) { return _mm_fmadd_pd(a, b, c); }
     static V4 fma(V4 a, V4 b, V4 c) { return _mm256_fmadd_pd(a, b, c); }
-    static v2d fms(v2d a, v2d b, v2d c) { return _mm_fmsub_pd(a, b, c); }
     static V4 join(v2d lo, v2d hi) { return _mm256_insertf128_pd(_mm256_castpd128_pd256(lo), hi, 1); }
     static v2d lo(V4 a) { return _mm256_castpd256_pd128(a); }
     static v2d hi(V4 a) { return _mm256_extractf128_pd(a, 1); }
-    static V4 cross(V4 a, V4 b) { return _mm256_permute2f128_pd(a, b, 0x21); }  // a's high, b's low
+    static void add_to(double* p, V4 x) { _mm256_storeu_pd(p, _mm256_loadu_pd(p) + x); }
 };
 
 }  // namespace

@@ -1,9 +1,13 @@
-// The mixer's tick loop, written once over a small set of two-lane vector
-// operations and compiled twice: paula.cpp builds it for the baseline
-// instruction set, paula_fma.cpp for AVX2 with fused multiply-add. Everything
-// here has internal linkage so the two builds never meet at link time; a TU
-// that includes this after switching the target must include the standard
+// The mixer's tick loop, written once over a few vector operations (`Ops`)
+// and compiled twice: paula.cpp builds it for the baseline instruction set,
+// paula_fma.cpp for AVX2 with fused multiply-add. Everything here has
+// internal linkage so the two builds never meet at link time; a TU that
+// includes this after switching the target must include the standard
 // headers below before the switch.
+//
+// Ops provides: V4, four doubles (or two v2d halves); fma(a, b, c) = a*b + c
+// for v2d and V4; join(lo, hi); lo(v); hi(v); and add_to(double* p, V4 x),
+// adding x to the four doubles at p (16-byte aligned).
 #pragma once
 
 #include <algorithm>
@@ -56,7 +60,7 @@ struct Pair {
 inline Pair operator*(Pair a, Pair b) { return {a.lo * b.lo, a.hi * b.hi}; }
 inline Pair operator+(Pair a, Pair b) { return {a.lo + b.lo, a.hi + b.hi}; }
 
-// ---- channel side: sample fetch and pulse-width volume, integer only ----
+// ---- channel side: sample fetch and pulse-width volume ----
 
 // The block queued by a location or length write takes over at the wrap.
 inline void take_queued_block(PaulaChannel& ch) {
@@ -100,35 +104,40 @@ inline bool advance(PaulaChannel& ch) {
     return true;
 }
 
-// Four ints of the interleaved sums (two ticks, left and right), at any
-// int boundary.
-using v4i = int32_t __attribute__((vector_size(16), aligned(4)));
+// The sums are interleaved doubles, left and right per tick, already in the
+// RC filter's input units.
+constexpr double RC_INPUT_SCALE = HALF * SAMPLE_SCALE;
 
-// Adds s to one side of `count` ticks of the interleaved sums at `pairs`.
-inline void add_const(int32_t* pairs, int side, uint32_t count, int32_t s) {
-    const v4i add = side ? v4i{0, s, 0, s} : v4i{s, 0, s, 0};
+// Adds x to one side of `count` ticks of the sums at `pairs`, two ticks at
+// a time.
+template <class Ops>
+inline void add_const(double* pairs, int side, uint32_t count, double x) {
+    const typename Ops::V4 add = side ? Ops::join(v2d{0, x}, v2d{0, x})
+                                      : Ops::join(v2d{x, 0}, v2d{x, 0});
     uint32_t j = 0;
-    for (; j + 2 <= count; j += 2) *reinterpret_cast<v4i*>(pairs + 2 * j) += add;
-    if (j < count) pairs[2 * j + side] += s;
+    for (; j + 2 <= count; j += 2) Ops::add_to(pairs + 2 * j, add);
+    if (j < count) pairs[2 * j + side] += x;
 }
 
 // `count` ticks of one unchanging sample. The pulse counter steps first;
 // the sample passes while the counter is below the volume, which makes the
 // passing ticks contiguous runs within each 64-tick cycle.
-inline void add_held(int32_t* pairs, int side, uint32_t count, int32_t s, uint32_t& pwm,
+template <class Ops>
+inline void add_held(double* pairs, int side, uint32_t count, int8_t sample, uint32_t& pwm,
                      uint32_t vol) {
     uint32_t q = (pwm + 1) & (PWM_STEPS - 1);
     pwm = (pwm + count) & (PWM_STEPS - 1);
-    if (s == 0 || vol == 0) return;
+    if (sample == 0 || vol == 0) return;
+    const double x = sample * RC_INPUT_SCALE;
     if (vol >= PWM_STEPS) {
-        add_const(pairs, side, count, s);
+        add_const<Ops>(pairs, side, count, x);
         return;
     }
     uint32_t j = 0;
     while (j < count) {
         if (q < vol) {
             uint32_t run = std::min(vol - q, count - j);
-            add_const(pairs + 2 * j, side, run, s);
+            add_const<Ops>(pairs + 2 * j, side, run, x);
             j += run;
             q += run;
         } else {
@@ -139,16 +148,17 @@ inline void add_held(int32_t* pairs, int side, uint32_t count, int32_t s, uint32
 }
 
 // Runs one channel for n ticks, adding its contribution to its side of the
-// interleaved sums. Between fetches the sample is constant, so the ticks up
-// to the next fetch are found with a shift and handled as one run.
-inline void run_channel(PaulaChannel& ch, int32_t* sums, int side, uint32_t n) {
+// sums. Between fetches the sample is constant, so the ticks up to the next
+// fetch are found with a shift and handled as one run.
+template <class Ops>
+inline void run_channel(PaulaChannel& ch, double* sums, int side, uint32_t n) {
     uint32_t pwm = ch.pwm_count;
     const uint32_t vol = ch.volume;
     uint32_t t = 0;
     while (t < n && ch.active) {
         uint64_t until = ch.phase >= ch.period ? 1 : (ch.period - ch.phase + TICK - 1) >> 16;
         uint32_t quiet = uint32_t(std::min<uint64_t>(until - 1, n - t));
-        add_held(sums + 2 * t, side, quiet, ch.sample, pwm, vol);
+        add_held<Ops>(sums + 2 * t, side, quiet, ch.sample, pwm, vol);
         ch.phase += uint64_t(quiet) << 16;
         t += quiet;
         if (t == n) break;
@@ -163,7 +173,7 @@ inline void run_channel(PaulaChannel& ch, int32_t* sums, int side, uint32_t n) {
         }
         if (stopped) break;  // silent from this tick on; the pulse counter stops too
         pwm = (pwm + 1) & (PWM_STEPS - 1);
-        if (pwm < vol) sums[2 * t + side] += ch.sample;
+        if (pwm < vol) sums[2 * t + side] += ch.sample * RC_INPUT_SCALE;
         t++;
     }
     ch.pwm_count = uint8_t(pwm);
@@ -179,16 +189,15 @@ inline double soft_clip(double v) {
     return v;
 }
 
+// Out of line: the tick loop stays free of calls.
+[[gnu::noinline]] inline v2d soft_clip(v2d v) { return v2d{soft_clip(v[0]), soft_clip(v[1])}; }
+
 #if defined(__SSE2__)
-inline v2d load_sums(const int32_t* s) {
-    return _mm_cvtepi32_pd(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(s)));
-}
 inline bool beyond_knee(v2d v) {
     const __m128d abs_mask = _mm_castsi128_pd(_mm_set1_epi64x(0x7FFFFFFFFFFFFFFF));
     return _mm_movemask_pd(_mm_cmpgt_pd(_mm_and_pd(v, abs_mask), _mm_set1_pd(CLIP_KNEE))) != 0;
 }
 #else
-inline v2d load_sums(const int32_t* s) { return v2d{double(s[0]), double(s[1])}; }
 inline bool beyond_knee(v2d v) {
     return std::fabs(v[0]) > CLIP_KNEE || std::fabs(v[1]) > CLIP_KNEE;
 }
@@ -196,7 +205,6 @@ inline bool beyond_knee(v2d v) {
 
 // The RC and LED stages run in output units, the 1/128 folded into the RC
 // input (exact: a power of two); PaulaState keeps their state in sample units.
-constexpr double RC_INPUT_SCALE = HALF * SAMPLE_SCALE;
 constexpr double SAMPLE_UNITS = 128.0;
 
 // Coefficients of a Butterworth low-pass section in transposed direct form
@@ -219,13 +227,14 @@ template <class Ops, class V>
     return y;
 }
 
-// Filter state, both sides at once; anti-alias sections k and k+1 share a
-// four-lane register, k in the low half.
+// Filter state, both sides at once. The anti-alias sections share two
+// four-lane registers: A holds sections 0 (low half) and 2, B sections 1
+// and 3, so that B's input is A's output as it stands.
 template <class Ops>
 struct FilterState {
     using V4 = typename Ops::V4;
     v2d rc, led_z1, led_z2;
-    V4 aa01_z1, aa01_z2, aa23_z1, aa23_z2;
+    V4 aa_a_z1, aa_a_z2, aa_b_z1, aa_b_z2;
     v2d acc;  // sum over the ticks of the frame in progress
 };
 
@@ -233,29 +242,30 @@ template <class Ops>
 struct Filters {
     v2d rc_coef;
     Lowpass<v2d> led;
-    Lowpass<typename Ops::V4> aa01, aa23;
+    Lowpass<typename Ops::V4> aa_a, aa_b;
     FilterState<Ops> s;
 };
 
+// Coefficients of sections k (low half) and k + 2.
 template <class Ops>
 inline Lowpass<typename Ops::V4> pair_coefficients(const PaulaState& p, int k) {
-    return {Ops::join(splat(p.aa_b0[k]), splat(p.aa_b0[k + 1])),
-            Ops::join(splat(-p.aa_a1[k]), splat(-p.aa_a1[k + 1])),
-            Ops::join(splat(-p.aa_a2[k]), splat(-p.aa_a2[k + 1]))};
+    return {Ops::join(splat(p.aa_b0[k]), splat(p.aa_b0[k + 2])),
+            Ops::join(splat(-p.aa_a1[k]), splat(-p.aa_a1[k + 2])),
+            Ops::join(splat(-p.aa_a2[k]), splat(-p.aa_a2[k + 2]))};
 }
 
-// State `which` (0 = z1, 1 = z2) of sections k and k+1.
+// State `which` (0 = z1, 1 = z2) of sections k and k + 2.
 template <class Ops>
 inline typename Ops::V4 pair_state(const PaulaState& p, int k, int which) {
     return Ops::join(v2d{p.aa_state[k][0][which], p.aa_state[k][1][which]},
-                     v2d{p.aa_state[k + 1][0][which], p.aa_state[k + 1][1][which]});
+                     v2d{p.aa_state[k + 2][0][which], p.aa_state[k + 2][1][which]});
 }
 
 template <class Ops>
 inline void store_pair_state(PaulaState& p, int k, int which, typename Ops::V4 z) {
     for (int side = 0; side < 2; side++) {
         p.aa_state[k][side][which] = Ops::lo(z)[side];
-        p.aa_state[k + 1][side][which] = Ops::hi(z)[side];
+        p.aa_state[k + 2][side][which] = Ops::hi(z)[side];
     }
 }
 
@@ -264,16 +274,16 @@ inline Filters<Ops> load_filters(const PaulaState& p) {
     Filters<Ops> f;
     f.rc_coef = splat(p.rc_coef);
     f.led = {splat(p.led_b0), splat(-p.led_a1), splat(-p.led_a2)};
-    f.aa01 = pair_coefficients<Ops>(p, 0);
-    f.aa23 = pair_coefficients<Ops>(p, 2);
+    f.aa_a = pair_coefficients<Ops>(p, 0);
+    f.aa_b = pair_coefficients<Ops>(p, 1);
     FilterState<Ops>& s = f.s;
     s.rc = v2d{p.rc_state[0], p.rc_state[1]} / SAMPLE_UNITS;
     s.led_z1 = v2d{p.led_state[0][0], p.led_state[1][0]} / SAMPLE_UNITS;
     s.led_z2 = v2d{p.led_state[0][1], p.led_state[1][1]} / SAMPLE_UNITS;
-    s.aa01_z1 = pair_state<Ops>(p, 0, 0);
-    s.aa01_z2 = pair_state<Ops>(p, 0, 1);
-    s.aa23_z1 = pair_state<Ops>(p, 2, 0);
-    s.aa23_z2 = pair_state<Ops>(p, 2, 1);
+    s.aa_a_z1 = pair_state<Ops>(p, 0, 0);
+    s.aa_a_z2 = pair_state<Ops>(p, 0, 1);
+    s.aa_b_z1 = pair_state<Ops>(p, 1, 0);
+    s.aa_b_z2 = pair_state<Ops>(p, 1, 1);
     s.acc = splat(0.0);
     return f;
 }
@@ -286,10 +296,10 @@ inline void store_filters(PaulaState& p, const Filters<Ops>& f) {
         p.led_state[side][0] = s.led_z1[side] * SAMPLE_UNITS;
         p.led_state[side][1] = s.led_z2[side] * SAMPLE_UNITS;
     }
-    store_pair_state<Ops>(p, 0, 0, s.aa01_z1);
-    store_pair_state<Ops>(p, 0, 1, s.aa01_z2);
-    store_pair_state<Ops>(p, 2, 0, s.aa23_z1);
-    store_pair_state<Ops>(p, 2, 1, s.aa23_z2);
+    store_pair_state<Ops>(p, 0, 0, s.aa_a_z1);
+    store_pair_state<Ops>(p, 0, 1, s.aa_a_z2);
+    store_pair_state<Ops>(p, 1, 0, s.aa_b_z1);
+    store_pair_state<Ops>(p, 1, 1, s.aa_b_z2);
 }
 
 // Below this every state is inaudible (-400 dB); clearing it keeps the
@@ -302,19 +312,19 @@ inline void flush_if_quiet(FilterState<Ops>& s) {
     const v2d states[] = {s.rc,
                           s.led_z1,
                           s.led_z2,
-                          Ops::lo(s.aa01_z1),
-                          Ops::hi(s.aa01_z1),
-                          Ops::lo(s.aa01_z2),
-                          Ops::hi(s.aa01_z2),
-                          Ops::lo(s.aa23_z1),
-                          Ops::hi(s.aa23_z1),
-                          Ops::lo(s.aa23_z2),
-                          Ops::hi(s.aa23_z2)};
+                          Ops::lo(s.aa_a_z1),
+                          Ops::hi(s.aa_a_z1),
+                          Ops::lo(s.aa_a_z2),
+                          Ops::hi(s.aa_a_z2),
+                          Ops::lo(s.aa_b_z1),
+                          Ops::hi(s.aa_b_z1),
+                          Ops::lo(s.aa_b_z2),
+                          Ops::hi(s.aa_b_z2)};
     for (v2d v : states)
         if (!(std::fabs(v[0]) < STATE_FLOOR && std::fabs(v[1]) < STATE_FLOOR)) return;
     const v2d zero = splat(0.0);
     s.rc = s.led_z1 = s.led_z2 = zero;
-    s.aa01_z1 = s.aa01_z2 = s.aa23_z1 = s.aa23_z2 = Ops::join(zero, zero);
+    s.aa_a_z1 = s.aa_a_z2 = s.aa_b_z1 = s.aa_b_z2 = Ops::join(zero, zero);
 }
 
 constexpr int PIPE_STAGES = 6;
@@ -335,63 +345,65 @@ inline V4 lowpass_partly(const Lowpass<V4>& c, V4& z1, V4& z2, V4 x, bool low, b
 // average to out. piece_ticks has a 0 after the last piece.
 //
 // The output chain runs as a pipeline: in one step, stage s works on tick
-// i - s. 0: RC low-pass; 1: LED filter and soft clip; 2-5: the anti-alias
-// sections, two at a time in four lanes. Each stage takes what the one
-// before produced in the previous step, so the stages of a step are
+// i - s. 0: RC low-pass; 1: LED filter and soft clip; 2-5: anti-alias
+// sections 0-3 (2 and 4 in pair A, 3 and 5 in pair B). Each stage takes what
+// the one before produced in the previous step, so the stages of a step are
 // independent and their latencies overlap. The state lives in local
 // variables so that it stays in registers.
 template <class Ops, bool LED>
-void filter_block(Filters<Ops>& filters, const int32_t* sums, uint32_t n,
+void filter_block(Filters<Ops>& filters, const double* sums, uint32_t n,
                   const uint32_t* piece_ticks, const uint32_t* piece_frame, float*& out) {
     using V4 = typename Ops::V4;
     const Filters<Ops>& k = filters;
-    v2d rc = k.s.rc, led_z1 = k.s.led_z1, led_z2 = k.s.led_z2, acc = k.s.acc;
-    V4 aa01_z1 = k.s.aa01_z1, aa01_z2 = k.s.aa01_z2, aa23_z1 = k.s.aa23_z1,
-       aa23_z2 = k.s.aa23_z2;
-    // Between stages: the RC and clipper outputs, and the outputs of the
-    // anti-alias section pairs.
-    v2d rc_out = splat(0.0), clipped = splat(0.0);
-    V4 out01 = Ops::join(clipped, clipped), out23 = out01;
+    const v2d zero = splat(0.0);
+    v2d rc = k.s.rc, led_z1 = k.s.led_z1, led_z2 = k.s.led_z2;
+    V4 aa_a_z1 = k.s.aa_a_z1, aa_a_z2 = k.s.aa_a_z2, aa_b_z1 = k.s.aa_b_z1,
+       aa_b_z2 = k.s.aa_b_z2;
+    // Section 3's outputs add up in the high half; the low half is unused.
+    V4 acc = Ops::join(zero, k.s.acc);
+    // Between stages: the clipper's output and the outputs of the pairs.
+    v2d clipped = zero;
+    V4 out_a = Ops::join(zero, zero), out_b = out_a;
     int piece = 0;
     uint32_t left = piece_ticks[0];
 
-    // One step with only stages lo..hi, last first, so each reads its input
-    // before it is replaced. Filling and draining run fewer than all six.
-    auto step = [&](const int32_t* tick_sums, int lo, int hi) __attribute__((always_inline)) {
+    // One step with only stages lo..hi; filling and draining run fewer than
+    // all six. A step is split at the clipper: `front` returns the value to
+    // clip, `back` takes it clipped.
+    auto front = [&](int lo, int hi) __attribute__((always_inline)) {
         auto runs = [lo, hi](int stage) { return lo <= stage && stage <= hi; };
-        if (runs(4) || runs(5)) {
-            V4 in = Ops::cross(out01, out23);  // section 1's output, section 2's
-            out23 = runs(4) && runs(5)
-                        ? lowpass<Ops>(k.aa23, aa23_z1, aa23_z2, in)
-                        : lowpass_partly<Ops>(k.aa23, aa23_z1, aa23_z2, in, runs(4), runs(5));
-        }
-        if (runs(2) || runs(3)) {
-            V4 in = Ops::join(clipped, Ops::lo(out01));  // the clipper's output, section 0's
-            out01 = runs(2) && runs(3)
-                        ? lowpass<Ops>(k.aa01, aa01_z1, aa01_z2, in)
-                        : lowpass_partly<Ops>(k.aa01, aa01_z1, aa01_z2, in, runs(2), runs(3));
-        }
-        if (runs(1)) {
-            v2d v = LED ? lowpass<Ops>(k.led, led_z1, led_z2, rc_out) : rc_out;
-            if (beyond_knee(v)) [[unlikely]]
-                v = v2d{soft_clip(v[0]), soft_clip(v[1])};
-            clipped = v;
-        }
+        // Inputs from the previous step: A takes the clipper's output and
+        // section 1's, B takes A's outputs (sections 0 and 2).
+        V4 in_a = Ops::join(clipped, Ops::lo(out_b));
+        if (runs(3) || runs(5))
+            out_b = runs(3) && runs(5)
+                        ? lowpass<Ops>(k.aa_b, aa_b_z1, aa_b_z2, out_a)
+                        : lowpass_partly<Ops>(k.aa_b, aa_b_z1, aa_b_z2, out_a, runs(3), runs(5));
+        if (runs(2) || runs(4))
+            out_a = runs(2) && runs(4)
+                        ? lowpass<Ops>(k.aa_a, aa_a_z1, aa_a_z2, in_a)
+                        : lowpass_partly<Ops>(k.aa_a, aa_a_z1, aa_a_z2, in_a, runs(2), runs(4));
+        if (runs(1) && LED) return lowpass<Ops>(k.led, led_z1, led_z2, rc);
+        return rc;
+    };
+    auto back = [&](const double* tick_sums, int lo, int hi, v2d v) __attribute__((always_inline)) {
+        auto runs = [lo, hi](int stage) { return lo <= stage && stage <= hi; };
+        if (runs(1)) clipped = v;
         if (runs(0)) {
-            // rc += (0.5 sum - rc) coef, in output units; the product is exact.
-            v2d d = Ops::fms(splat(RC_INPUT_SCALE), load_sums(tick_sums), rc);
-            rc = Ops::fma(d, k.rc_coef, rc);
-            rc_out = rc;
+            // rc += (0.5 sum - rc) coef, in output units.
+            v2d x;
+            std::memcpy(&x, tick_sums, sizeof x);
+            rc = Ops::fma(x - rc, k.rc_coef, rc);
         }
         if (!runs(5)) return;
-        acc += Ops::hi(out23);  // section 3's output
+        acc = acc + out_b;
         if (--left == 0) {
             if (piece_frame[piece]) {
-                v2d avg = acc * splat(1.0 / piece_frame[piece]);
+                v2d avg = Ops::hi(acc) * splat(1.0 / piece_frame[piece]);
                 out[0] += float(avg[0]);
                 out[1] += float(avg[1]);
                 out += 2;
-                acc = splat(0.0);
+                acc = Ops::join(zero, zero);
             }
             left = piece_ticks[++piece];
         }
@@ -399,23 +411,38 @@ void filter_block(Filters<Ops>& filters, const int32_t* sums, uint32_t n,
     auto partial = [&](uint32_t i) __attribute__((always_inline)) {
         int lo = i >= n ? int(i - n + 1) : 0;
         int hi = int(std::min<uint32_t>(i, PIPE_STAGES - 1));
-        step(sums + 2 * std::min(i, n - 1), lo, hi);
+        v2d v = front(lo, hi);
+        if (lo <= 1 && hi >= 1 && beyond_knee(v)) v = soft_clip(v);
+        back(sums + 2 * std::min(i, n - 1), lo, hi, v);
     };
 
     uint32_t i = 0;
     for (; i < n && i < PIPE_STAGES - 1; i++) partial(i);
-    for (; i < n; i++) step(sums + 2 * i, 0, PIPE_STAGES - 1);
+    while (i < n) {
+        // The steady state calls nothing, so that all its state can stay in
+        // registers; a tick to clip leaves the inner loop for the call.
+        v2d v = zero;
+        for (; i < n; i++) {
+            v = front(0, PIPE_STAGES - 1);
+            if (beyond_knee(v)) [[unlikely]]
+                break;
+            back(sums + 2 * i, 0, PIPE_STAGES - 1, v);
+        }
+        if (i == n) break;
+        back(sums + 2 * i, 0, PIPE_STAGES - 1, soft_clip(v));
+        i++;
+    }
     for (; i < n + PIPE_STAGES - 1; i++) partial(i);
 
     FilterState<Ops>& s = filters.s;
     s.rc = rc;
     s.led_z1 = led_z1;
     s.led_z2 = led_z2;
-    s.aa01_z1 = aa01_z1;
-    s.aa01_z2 = aa01_z2;
-    s.aa23_z1 = aa23_z1;
-    s.aa23_z2 = aa23_z2;
-    s.acc = acc;
+    s.aa_a_z1 = aa_a_z1;
+    s.aa_a_z2 = aa_a_z2;
+    s.aa_b_z1 = aa_b_z1;
+    s.aa_b_z2 = aa_b_z2;
+    s.acc = Ops::hi(acc);
     flush_if_quiet(s);
 }
 
@@ -435,7 +462,7 @@ void mix_frames(PaulaState& p, float* out, int frames) {
         }
     }
 
-    alignas(16) int32_t sums[BLOCK_TICKS * 2];
+    alignas(16) double sums[BLOCK_TICKS * 2];
     uint32_t piece_ticks[BLOCK_PIECES + 1], piece_frame[BLOCK_PIECES];
     Filters<Ops> f = load_filters<Ops>(p);
     int started = 0;           // frames whose ticks have been planned
@@ -460,8 +487,8 @@ void mix_frames(PaulaState& p, float* out, int frames) {
             piece_frame[pieces++] = left == 0 ? frame_ticks : 0;
         }
         piece_ticks[pieces] = 0;
-        std::memset(sums, 0, sizeof(int32_t) * 2 * n);
-        for (int i = 0; i < listed; i++) run_channel(*list[i], sums, list_side[i], n);
+        std::memset(sums, 0, sizeof(double) * 2 * n);  // all-zero bits are 0.0
+        for (int i = 0; i < listed; i++) run_channel<Ops>(*list[i], sums, list_side[i], n);
         if (p.led_on) filter_block<Ops, true>(f, sums, n, piece_ticks, piece_frame, out);
         else filter_block<Ops, false>(f, sums, n, piece_ticks, piece_frame, out);
     }
