@@ -1,14 +1,15 @@
 // The mixer's tick loop built for AVX2 with fused multiply-add; paula.cpp
 // calls it only on CPUs that have both.
+#include "chipset/paula.h"
+
+#if defined(__x86_64__) && defined(__GNUC__)
+
+#include <immintrin.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
-#include <immintrin.h>
-
-#include "chipset/paula.h"
-
-#if defined(__x86_64__) && defined(__GNUC__)
 
 // Standard headers above, before the switch: whatever they define must stay
 // callable from the baseline build.

@@ -500,13 +500,6 @@ TEST(PaulaKernels, BothBuildsGiveTheSameSixteenBitSamples) {
     EXPECT_EQ(pinned_render(PaulaKernel::Portable), pinned_render(PaulaKernel::Avx2Fma));
 }
 
-TEST(PaulaKernels, TheDefaultIsTheBestAvailable) {
-    PaulaKernel best = paula_kernel_available(PaulaKernel::Avx2Fma) ? PaulaKernel::Avx2Fma
-                                                                    : PaulaKernel::Portable;
-    EXPECT_EQ(paula_kernel_in_use(), best);
-    EXPECT_TRUE(paula_kernel_available(PaulaKernel::Portable));
-}
-
 const auto KERNELS = ::testing::Values(PaulaKernel::Portable, PaulaKernel::Avx2Fma);
 auto kernel_param_name = [](const ::testing::TestParamInfo<PaulaKernel>& i) {
     return kernel_name(i.param);
