@@ -84,4 +84,3 @@ BENCHMARK(BM_PaulaMix4Avx2Fma)->MinTime(1.0);
 BENCHMARK(BM_PaulaMix4Portable)->MinTime(1.0);
 BENCHMARK(BM_PaulaMix4ClippingAvx2Fma)->MinTime(1.0);
 BENCHMARK(BM_PaulaMix0Avx2Fma)->MinTime(1.0);
-BENCHMARK_MAIN();
