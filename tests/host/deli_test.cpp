@@ -156,6 +156,7 @@ TEST_F(DeliTest, GlobalBaseLayout) {
     EXPECT_EQ(m.file_list_count, 0u);
     EXPECT_EQ(m.file_list_top, MODULE_ADDR);
     EXPECT_EQ(m.alloc_slab, SLAB_START);
+    EXPECT_EQ(m.dmacon & 0x0200, 0x0200);  // master DMA enable, as AllocAudio would
 }
 
 TEST_F(DeliTest, ModulePathSplitsIntoDirectoryAndFile) {
