@@ -37,7 +37,7 @@ PtHwHooks pt_hw_hooks;
 
 /* ProTracker's note periods for finetune 0, C-1 to B-3. They are not exactly
  * equal-tempered (e.g. E-1 is 678, not 679), so they are written out. */
-static const uint16_t note_periods[PT_NOTES] = {
+const uint16_t pt_note_periods[PT_NOTES] = {
     856, 808, 762, 720, 678, 640, 604, 570, 538, 508, 480, 453,
     428, 404, 381, 360, 339, 320, 302, 285, 269, 254, 240, 226,
     214, 202, 190, 180, 170, 160, 151, 143, 135, 127, 120, 113,
@@ -51,7 +51,7 @@ static const uint16_t finetune_q15[PT_FINETUNES] = {
 };
 
 /* Half a sine period for vibrato and tremolo: floor(255 x sin(pi x i / 32)). */
-static const uint8_t vibrato_sine[32] = {
+const uint8_t pt_vibrato_sine[32] = {
     0,   24,  49,  74,  97,  120, 141, 161, 180, 197, 212, 224, 235, 244, 250, 253,
     255, 253, 250, 244, 235, 224, 212, 197, 180, 161, 141, 120, 97,  74,  49,  24,
 };
@@ -215,7 +215,7 @@ static void build_periods(PtState *s) {
     int f, n;
     for (f = 0; f < PT_FINETUNES; f++)
         for (n = 0; n < PT_NOTES; n++)
-            s->periods[f][n] = (uint16_t)((mul16(note_periods[n], finetune_q15[f]) + 16384) >> 15);
+            s->periods[f][n] = (uint16_t)((mul16(pt_note_periods[n], finetune_q15[f]) + 16384) >> 15);
 }
 
 static void load_samples(PtState *s, const uint8_t *data) {
@@ -234,9 +234,10 @@ static void load_samples(PtState *s, const uint8_t *data) {
         smp->volume = h[25] > VOLUME_MAX ? VOLUME_MAX : h[25];
         /* Files cut short keep what is there. */
         if (((uint32_t)len << 1) > avail) len = (uint16_t)(avail >> 1);
+        /* Loops are kept inside the sample. */
         if (rl < 1) rl = 1;
-        if (rl > 1 && rs >= len) rs = 0, rl = 1;
-        if (rl > 1 && (uint32_t)rs + rl > len) rl = (uint16_t)(len - rs);
+        if (rs >= len) rs = 0, rl = 1;
+        if ((uint32_t)rs + rl > len) rl = (uint16_t)(len - rs);
         if (len) {
             smp->start = (const int8_t *)data;
             smp->loop = smp->start + ((uint32_t)rs << 1);
@@ -474,7 +475,7 @@ static void arpeggio(PtState *s, PtChannel *c) {
 static uint16_t wave_value(uint8_t wave, uint8_t pos, uint8_t sign_pos) {
     uint8_t i = (uint8_t)((pos >> 2) & 0x1F);
     switch (wave & 3) {
-    case 0: return vibrato_sine[i];
+    case 0: return pt_vibrato_sine[i];
     case 1: return (sign_pos & 0x80) ? (uint16_t)(255 - (i << 3)) : (uint16_t)(i << 3);
     default: return 255;
     }
@@ -683,7 +684,7 @@ static void play_voice(PtState *s, PtChannel *c, const uint8_t *n) {
         if ((cmd == 0x3 || cmd == 0x5) && c->period) {
             set_tone_porta(s, c);
         } else {
-            c->period = s->periods[c->finetune][note_index(note_periods, note)];
+            c->period = s->periods[c->finetune][note_index(pt_note_periods, note)];
             if (!(c->waves & 0x04)) c->vib_pos = 0;
             if (!(c->waves & 0x40)) c->trem_pos = 0;
             if (!(cmd == 0xE && (param >> 4) == 0xD)) {

@@ -134,6 +134,11 @@ typedef struct PtState {
     uint16_t periods[PT_FINETUNES][PT_NOTES];
 } PtState;
 
+/* The tracker's note periods at finetune 0 (C-1..B-3), and the half sine
+ * of vibrato and tremolo. */
+extern const uint16_t pt_note_periods[PT_NOTES];
+extern const uint8_t pt_vibrato_sine[32];
+
 /* PT_FORMAT_31, PT_FORMAT_15 or PT_FORMAT_NONE. Never reads beyond length. */
 int pt_check(const uint8_t *module, uint32_t length);
 
