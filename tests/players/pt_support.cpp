@@ -146,7 +146,12 @@ std::string trace(const std::vector<uint8_t>& module, int ticks, int variant) {
     for (int t = 0; t < ticks; t++) {
         pt_tick(s.get());
         std::string line = rec.take();
-        if (!line.empty()) out += "t" + std::to_string(t) + ": " + line + "\n";
+        if (line.empty()) continue;
+        out += 't';
+        out += std::to_string(t);
+        out += ": ";
+        out += line;
+        out += '\n';
     }
     pt_hw_hooks = {};
     return out;

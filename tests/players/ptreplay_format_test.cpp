@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 #include <functional>
+#include <numbers>
 #include <memory>
 #include <random>
 
@@ -130,7 +131,7 @@ TEST(PtFormat, TablesFollowTheirFormulas) {
     EXPECT_EQ(pt_note_periods[0], 856);
     EXPECT_EQ(pt_note_periods[PT_NOTES - 1], 113);
     for (int i = 0; i < 32; i++)
-        EXPECT_EQ(pt_vibrato_sine[i], int(std::floor(255 * std::sin(M_PI * i / 32)))) << i;
+        EXPECT_EQ(pt_vibrato_sine[i], int(std::floor(255 * std::sin(std::numbers::pi * i / 32)))) << i;
 
     auto s = std::make_unique<PtState>();
     std::vector<uint8_t> m = tagged("M.K.").build();

@@ -4,6 +4,9 @@ set(ORVEL_PTREPLAY_DIR ${CMAKE_SOURCE_DIR}/players/protracker)
 if(TARGET test_players)
   target_sources(test_players PRIVATE ${ORVEL_PTREPLAY_DIR}/ptreplay.c)
   target_include_directories(test_players PRIVATE ${ORVEL_PTREPLAY_DIR})
+  target_compile_definitions(test_players PRIVATE
+    ORVEL_DEMO_MOD="${CMAKE_BINARY_DIR}/orvel_data/demo.mod")
+  add_dependencies(test_players demo_mod)
 endif()
 
 # It must also build for a plain 68000 with nothing to link against.
