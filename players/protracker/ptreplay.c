@@ -21,6 +21,8 @@ PtHwHooks pt_hw_hooks;
 #define HEADER_31 1084 /* title, 31 sample headers, length, restart, orders, tag */
 #define HEADER_15 600  /* the same without the tag and with 15 samples */
 #define TAG_OFFSET 1080
+/* Song length, restart byte, then the 128 orders, after n sample headers. */
+#define SONG_INFO(n) (TITLE_BYTES + (n) * SAMPLE_HEADER_BYTES)
 #define ROW_NOTE_BYTES 4
 #define ST_MAX_PATTERNS 64
 
@@ -87,7 +89,7 @@ static uint32_t udiv(uint32_t n, uint16_t d) {
 }
 
 /* Byte loops that the compiler must not turn into a memset call. */
-static void clear(void *p, uint16_t n) {
+static void clear(void *p, uint32_t n) {
     volatile uint8_t *b = (volatile uint8_t *)p;
     while (n--) *b++ = 0;
 }
@@ -130,9 +132,9 @@ static int stored_patterns(const uint8_t *orders, int song_length, uint32_t head
 
 static int check_31(const uint8_t *m, uint32_t length) {
     int ch = tag_channels(m + TAG_OFFSET);
-    int song_length = m[HEADER_31 - 134];
+    int song_length = m[SONG_INFO(31)];
     if (!ch || song_length == 0 || song_length > PT_POSITIONS) return 0;
-    return stored_patterns(m + HEADER_31 - 132, song_length, HEADER_31,
+    return stored_patterns(m + SONG_INFO(31) + 2, song_length, HEADER_31,
                            (uint16_t)(PT_ROWS * ROW_NOTE_BYTES * ch), length) != 0;
 }
 
@@ -140,8 +142,8 @@ static int is_control(uint8_t c) { return (c > 0 && c < 32) || c == 127; }
 
 /* 15-instrument files have no tag: they must look like one throughout. */
 static int check_15(const uint8_t *m, uint32_t length) {
-    const uint8_t *orders = m + HEADER_15 - 128;
-    int song_length = m[HEADER_15 - 130];
+    const uint8_t *orders = m + SONG_INFO(15) + 2;
+    int song_length = m[SONG_INFO(15)];
     int i, patterns;
     uint32_t n, end;
     if (length < HEADER_15 + PT_ROWS * ROW_NOTE_BYTES * 4) return 0;
@@ -229,8 +231,7 @@ static void load_samples(PtState *s, const uint8_t *data) {
         uint16_t rl = be16(h + 28);
         uint32_t avail = data < end ? (uint32_t)(end - data) : 0;
         if (s->variant == PT_SOUNDTRACKER_BYTELOOP) rs >>= 1;
-        if (s->format == PT_FORMAT_31 && !is_st(s) && s->variant != PT_NOISETRACKER)
-            smp->finetune = h[24] & 0x0F;
+        if (is_pt(s)) smp->finetune = h[24] & 0x0F;
         smp->volume = h[25] > VOLUME_MAX ? VOLUME_MAX : h[25];
         /* Files cut short keep what is there. */
         if (((uint32_t)len << 1) > avail) len = (uint16_t)(avail >> 1);
@@ -268,9 +269,9 @@ int pt_init(PtState *s, const uint8_t *module, uint32_t length, int variant) {
         variant = format == PT_FORMAT_15 ? PT_SOUNDTRACKER : PT_PROTRACKER;
     s->variant = (uint8_t)variant;
     s->sample_count = format == PT_FORMAT_31 ? 31 : 15;
-    s->channels = (uint8_t)pt_channels(module, length);
+    s->channels = (uint8_t)(format == PT_FORMAT_31 ? tag_channels(module + TAG_OFFSET) : 4);
     header = format == PT_FORMAT_31 ? HEADER_31 : HEADER_15;
-    i = TITLE_BYTES + s->sample_count * SAMPLE_HEADER_BYTES;
+    i = SONG_INFO(s->sample_count);
     s->song_length = module[i];
     s->restart = module[i + 1];
     s->orders = module + i + 2;
@@ -329,6 +330,9 @@ static void rewind(PtState *s, int row) {
     s->loop_entry = 1;
 }
 
+/* Each entry is a row whose visited bit went from 0 to 1, and popping an
+ * entry clears the bit again, so the history never holds more entries than
+ * there are rows. */
 static void record(PtState *s) {
     s->history[s->history_len++] = (uint16_t)((s->pos << 6) | s->row);
 }
@@ -655,7 +659,7 @@ static void row_effects(PtState *s, PtChannel *c) {
     }
 }
 
-static void load_sample(const PtState *s, PtChannel *c, const PtSample *smp) {
+static void load_sample(PtChannel *c, const PtSample *smp) {
     c->start = smp->start;
     c->loop = smp->loop;
     c->length = smp->length;
@@ -665,7 +669,6 @@ static void load_sample(const PtState *s, PtChannel *c, const PtSample *smp) {
     /* Without a new note the running sound moves on to this sample's loop
      * at its next wrap: the tracker's instrument swap. */
     c->requeue = c->loop != 0;
-    (void)s;
 }
 
 static void play_voice(PtState *s, PtChannel *c, const uint8_t *n) {
@@ -678,7 +681,7 @@ static void play_voice(PtState *s, PtChannel *c, const uint8_t *n) {
     c->note = note;
     c->cmd = cmd;
     c->param = param;
-    if (smp && smp <= s->sample_count) load_sample(s, c, &s->samples[smp - 1]);
+    if (smp && smp <= s->sample_count) load_sample(c, &s->samples[smp - 1]);
     if (note) {
         if (cmd == 0xE && (param >> 4) == 0x5) c->finetune = param & 0x0F;
         if ((cmd == 0x3 || cmd == 0x5) && c->period) {

@@ -33,6 +33,8 @@
  *   - E6x is not re-run on the ticks that repeat a row for EEx, so a loop
  *     on a delayed row behaves like the other rows of the loop.
  *   - F00 is ignored; F01-F1F set the speed, F20-FFF the tempo (BPM).
+ *   - A tone portamento on a channel that has not played yet starts its
+ *     note instead of sliding up from nothing.
  * Periods follow ProTracker's: the finetune-0 note periods of the tracker,
  * the other finetunes computed from them (within one unit of the tracker's
  * tables); portamento stops at 113 and 856.
