@@ -308,51 +308,54 @@ uint16_t pt_cia_timer(const PtState *s) { return s->cia_timer; }
 
 /* ---- song-end bookkeeping ---- */
 
-static int test_and_set(uint8_t map[][PT_ROWS / 8], int pos, int row) {
-    uint8_t bit = (uint8_t)(1 << (row & 7));
-    int was = (map[pos][row >> 3] & bit) != 0;
-    map[pos][row >> 3] |= bit;
-    return was;
+/* A row counts as played again only if every channel's pattern-loop counter
+ * is as it was the first time: the passes of a loop differ in their
+ * counters, an endless loop comes back to the same ones. Rows played with
+ * all counters at zero are kept in a bitmap, the others in a small hash set
+ * of position, row and counters. */
+static uint16_t loop_state(const PtState *s) {
+    uint16_t state = 0;
+    int i;
+    for (i = 0; i < s->channels; i++) state = (uint16_t)(state | (s->ch[i].loop_count << (4 * i)));
+    return state;
 }
 
-static void unmark(PtState *s, uint16_t key) {
-    s->visited[key >> 6][(key & 63) >> 3] &= (uint8_t)~(1 << (key & 7));
+/* 1 if the key was in the set already (or the set is full), else adds it. */
+static int seen_in_loop(PtState *s, uint32_t key) {
+    uint16_t h = (uint16_t)((key ^ (key >> 11) ^ (key >> 19)) & (PT_LOOP_VISITS - 1));
+    uint16_t n;
+    for (n = 0; n < PT_LOOP_VISITS; n++) {
+        uint32_t *slot = &s->loop_visits[(h + n) & (PT_LOOP_VISITS - 1)];
+        if (*slot == key) return 1;
+        if (*slot == 0) {
+            *slot = key;
+            return 0;
+        }
+    }
+    return 1;
 }
 
-/* A pattern loop plays its rows again: forget the rows played since the
- * loop start was last played (all of them if it was never played, as when
- * the start lies further on). The start itself stays visited; the jump to
- * it is let through once. */
-static void rewind(PtState *s, int row) {
-    uint16_t key = (uint16_t)((s->pos << 6) | row);
-    while (s->history_len && s->history[s->history_len - 1] != key)
-        unmark(s, s->history[--s->history_len]);
-    s->loop_entry = 1;
-}
-
-/* Each entry is a row whose visited bit went from 0 to 1, and popping an
- * entry clears the bit again, so the history never holds more entries than
- * there are rows. */
-static void record(PtState *s) {
-    s->history[s->history_len++] = (uint16_t)((s->pos << 6) | s->row);
+static int seen(PtState *s) {
+    uint16_t state = loop_state(s);
+    if (state) {
+        uint32_t key = ((uint32_t)state << 16) | (uint16_t)((s->pos << 6) | s->row);
+        return seen_in_loop(s, key);
+    } else {
+        uint8_t bit = (uint8_t)(1 << (s->row & 7));
+        uint8_t *v = &s->visited[s->pos][s->row >> 3];
+        int was = (*v & bit) != 0;
+        *v |= bit;
+        return was;
+    }
 }
 
 static void visit(PtState *s) {
-    int seen = test_and_set(s->visited, s->pos, s->row);
-    if (s->loop_entry) {
-        s->loop_entry = 0;
-        if (!seen) record(s);
-        return;
-    }
-    if (seen) {
-        clear(s->visited, sizeof s->visited);
-        clear(s->loop_starts, sizeof s->loop_starts);
-        s->history_len = 0;
-        s->song_ends++;
-        test_and_set(s->visited, s->pos, s->row);
-        if (s->song_end) s->song_end(s->song_end_ctx);
-    }
-    record(s);
+    if (!seen(s)) return;
+    clear(s->visited, sizeof s->visited);
+    clear(s->loop_visits, sizeof s->loop_visits);
+    s->song_ends++;
+    seen(s);
+    if (s->song_end) s->song_end(s->song_end_ctx);
 }
 
 /* ---- Paula ---- */
@@ -550,15 +553,10 @@ static void pattern_loop(PtState *s, PtChannel *c, uint8_t x) {
         c->loop_row = s->row;
         return;
     }
-    if (c->loop_count == 0) {
+    if (c->loop_count == 0)
         c->loop_count = x;
-        /* A second loop from the same start can only go round forever; its
-         * rows stay visited so that the jump counts as the song's end. */
-        if (!test_and_set(s->loop_starts, s->pos, c->loop_row)) rewind(s, c->loop_row);
-    } else {
-        if (--c->loop_count == 0) return;
-        rewind(s, c->loop_row);
-    }
+    else if (--c->loop_count == 0)
+        return;
     s->break_row = c->loop_row;
     s->loop_jump = 1;
 }
@@ -746,7 +744,6 @@ void pt_tick(PtState *s) {
             visit(s);
             new_row(s);
         } else {
-            s->loop_entry = 0;
             for (i = 0; i < s->channels; i++) tick_effects(s, &s->ch[i], 1);
         }
         advance(s);

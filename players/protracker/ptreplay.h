@@ -41,9 +41,10 @@
  *
  * Song end: the hook is called at the start of the tick that would play a
  * row already played since the last call (a jump or break backwards, or the
- * end of the order list), as a tracker's duration scan counts it. Pattern
- * loops do not count as repeats, except a loop that starts from a loop
- * start already used in the same order position (that is an endless loop).
+ * end of the order list), as a tracker's duration scan counts it. A row
+ * played again inside a pattern loop is not a repeat as long as the loop
+ * counters differ from its earlier visits; an endless loop (two E6x rows of
+ * one channel sharing a loop start) comes back to the same counters.
  * Playback then goes on; the visited rows are forgotten. */
 #ifndef PTREPLAY_H
 #define PTREPLAY_H
@@ -70,6 +71,7 @@ enum { PT_OK = 0, PT_ERR_FORMAT = 1 };
 #define PT_ROWS 64
 #define PT_NOTES 36     /* C-1 .. B-3 */
 #define PT_FINETUNES 16 /* 0..7, then -8..-1 */
+#define PT_LOOP_VISITS 2048 /* rows played inside pattern loops, before the song counts as ended */
 
 typedef struct PtSample {
     const int8_t *start; /* null when the sample is empty */
@@ -129,10 +131,7 @@ typedef struct PtState {
     PtSample samples[PT_MAX_SAMPLES];
     PtChannel ch[PT_CHANNELS];
     uint8_t visited[PT_POSITIONS][PT_ROWS / 8];
-    uint8_t loop_starts[PT_POSITIONS][PT_ROWS / 8];
-    uint16_t history[PT_POSITIONS * PT_ROWS]; /* visited rows in order: position << 6 | row */
-    uint16_t history_len;
-    uint8_t loop_entry; /* the coming row is a pattern loop's start */
+    uint32_t loop_visits[PT_LOOP_VISITS]; /* counters << 16 | position << 6 | row; 0 = free */
     uint16_t periods[PT_FINETUNES][PT_NOTES];
 } PtState;
 
