@@ -185,17 +185,17 @@ int pt_channels(const uint8_t *module, uint32_t length) {
 
 int pt_variant_from_option(const char *o) {
     static const struct {
-        char name[10];
+        char name[5];
         uint8_t variant;
     } names[] = {
-        {"type:pt30", PT_PROTRACKER},   {"type:flt4", PT_PROTRACKER},
-        {"type:comp", PT_PROTRACKER},   {"type:nt10", PT_NOISETRACKER},
-        {"type:nt20", PT_NOISETRACKER}, {"type:m&k.", PT_NOISETRACKER},
-        {"type:st20", PT_SOUNDTRACKER}, {"type:st24", PT_SOUNDTRACKER_BYTELOOP},
+        {"pt30", PT_PROTRACKER},   {"flt4", PT_PROTRACKER},   {"comp", PT_PROTRACKER},
+        {"nt10", PT_NOISETRACKER}, {"nt20", PT_NOISETRACKER}, {"m&k.", PT_NOISETRACKER},
+        {"st20", PT_SOUNDTRACKER}, {"st24", PT_SOUNDTRACKER_BYTELOOP},
     };
     unsigned i;
     int k;
     if (!o) return PT_AUTO;
+    if (o[0] == 't' && o[1] == 'y' && o[2] == 'p' && o[3] == 'e' && o[4] == ':') o += 5;
     for (i = 0; i < sizeof names / sizeof names[0]; i++) {
         for (k = 0; names[i].name[k] && o[k] == names[i].name[k]; k++) {
         }

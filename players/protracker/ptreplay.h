@@ -146,8 +146,9 @@ int pt_check(const uint8_t *module, uint32_t length);
 /* Channels per row of a module pt_check accepts (1..4). */
 int pt_channels(const uint8_t *module, uint32_t length);
 
-/* "type:pt30", "type:nt10", "type:st20", ... -> PT_PROTRACKER etc.; null or
- * unknown -> PT_AUTO (Soundtracker for 15-instrument files, else ProTracker). */
+/* "type:pt30", "type:nt10", "type:st20", ... or the value alone ("pt30", as
+ * the option call hands it over) -> PT_PROTRACKER etc.; null or unknown ->
+ * PT_AUTO (Soundtracker for 15-instrument files, else ProTracker). */
 int pt_variant_from_option(const char *option);
 
 /* Parses the module, silences the four channels and prepares row 0 for the

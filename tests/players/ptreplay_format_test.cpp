@@ -110,7 +110,9 @@ TEST(PtFormat, OptionStringsNameTheVariant) {
         {"type:comp", PT_PROTRACKER},   {"type:nt10", PT_NOISETRACKER},
         {"type:nt20", PT_NOISETRACKER}, {"type:m&k.", PT_NOISETRACKER},
         {"type:st20", PT_SOUNDTRACKER}, {"type:st24", PT_SOUNDTRACKER_BYTELOOP},
+        {"nt20", PT_NOISETRACKER},      {"st20", PT_SOUNDTRACKER},
         {"type:pt3", PT_AUTO},          {"type:pt300", PT_AUTO},
+        {"type:", PT_AUTO},             {"tipe:nt10", PT_AUTO},
         {"", PT_AUTO},                  {nullptr, PT_AUTO},
     };
     for (const Case& c : cases) {
