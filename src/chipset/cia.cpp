@@ -112,3 +112,67 @@ uint8_t cia_read(Machine& m, uint32_t address) {
     default: return 0;                    // $B, $C: SDR and unused
     }
 }
+
+int64_t cia_frames_to_next_event(const Machine& m) {
+    bool any = false;
+    double next = 0.0;
+    for (const Cia& c : m.cia)
+        for (const CiaTimer& t : c.timer) {
+            if (!t.running) continue;
+            if (!any || next < 0.0 || t.remaining < next) next = t.remaining;
+            any = true;
+        }
+    if (!any || next < 0.0) return -1;
+    if (next <= 1.0) return 1;
+    return int64_t(next + 0.999999);  // the underflow falls inside that frame
+}
+
+namespace {
+
+constexpr uint32_t PENDING_MAX = sizeof(Machine::cia_pending) / sizeof(uint32_t);
+
+// One underflow: the ICR bit is raised whatever the mask says; the handler
+// runs only if the bit is enabled.
+void underflow(Machine& m, Cia& c, int which) {
+    uint8_t bit = uint8_t(1 << which);
+    c.icr_data |= bit;
+    if ((c.icr_mask & bit) && c.handler[which] && m.cia_pending_count < PENDING_MAX)
+        m.cia_pending[m.cia_pending_count++] = c.handler[which];
+}
+
+bool would_queue(const Machine& m, const Cia& c, int which) {
+    return (c.icr_mask & (1 << which)) && c.handler[which] && m.cia_pending_count < PENDING_MAX;
+}
+
+void advance_timer(Machine& m, Cia& c, int which, uint32_t frames) {
+    CiaTimer& t = c.timer[which];
+    if (!t.running) return;
+    t.remaining -= frames;
+    if (t.remaining > 0.0) return;
+    underflow(m, c, which);
+    if (t.one_shot) {
+        t.control &= ~0x01;  // START drops by itself
+        t.running = 0;
+        t.remaining = t.period;
+        return;
+    }
+    // Continuous: reload from the latch once per period elapsed. Once nothing
+    // more can be queued, the rest of a very long step is skipped in one go.
+    t.remaining += t.period;
+    while (t.remaining <= 0.0 && would_queue(m, c, which)) {
+        underflow(m, c, which);
+        t.remaining += t.period;
+    }
+    if (t.remaining <= 0.0) {
+        t.remaining += std::ceil(-t.remaining / t.period) * t.period;
+        if (t.remaining <= 0.0) t.remaining += t.period;
+    }
+}
+
+}  // namespace
+
+void cia_advance(Machine& m, uint32_t frames) {
+    m.cia_pending_count = 0;
+    for (Cia& c : m.cia)
+        for (int which = 0; which < 2; which++) advance_timer(m, c, which, frames);
+}

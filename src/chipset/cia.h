@@ -30,8 +30,16 @@ void cia_write(Machine& m, uint32_t address, uint8_t value);
 // Register read, decoded for the bus (port bytes, timers in E-clock ticks,
 // TOD with advance on register 8, ICR read-and-clear).
 uint8_t cia_read(Machine& m, uint32_t address);
-// Whole frames until the earliest running timer underflows; -1 = no limit.
+// Whole frames until the earliest running timer underflows (at least 1, a
+// fraction rounded up); -1 = no timer runs, no limit.
 int64_t cia_frames_to_next_event(const Machine& m);
-// Count the running timers down by n frames and queue the handlers of those
-// that underflowed (into cia_pending). Running them is the caller's job.
+// Count the running timers down by `frames` (>= 1) and raise their
+// underflows in icr_data. For each underflow of a timer whose ICR mask bit is
+// set and which has a handler, the handler address is appended to
+// cia_pending (emptied first; at most 8, further ones are dropped), once per
+// period elapsed for continuous timers; a one-shot timer stops at its first.
+//
+// This only queues: running the handlers takes the routine runner, so the
+// playback engine runs cia_pending[0..cia_pending_count) in order through
+// deli_run_handler right after this call.
 void cia_advance(Machine& m, uint32_t frames);

@@ -6,6 +6,8 @@
 
 #include <cmath>
 
+#include "chipset/paula_kernel.h"
+
 namespace {
 
 constexpr double TWO_PI = 6.283185307179586;
@@ -44,4 +46,59 @@ void paula_recalc(PaulaState& p) {
         p.aa_a1[k] = -2.0 * ca / (1.0 + ak);
         p.aa_a2[k] = (1.0 - ak) / (1.0 + ak);
     }
+}
+
+// ---- the tick loop and its dispatch ----
+
+namespace {
+
+// Multiply-adds as two roundings, four lanes as two halves: all that any
+// x86-64 guarantees.
+struct PlainOps {
+    using V4 = Pair;
+    static v2d fma(v2d a, v2d b, v2d c) { return a * b + c; }
+    static Pair fma(Pair a, Pair b, Pair c) { return {fma(a.lo, b.lo, c.lo), fma(a.hi, b.hi, c.hi)}; }
+    static Pair join(v2d lo, v2d hi) { return {lo, hi}; }
+    static v2d lo(Pair a) { return a.lo; }
+    static v2d hi(Pair a) { return a.hi; }
+    static void add_to(double* p, Pair x) {
+        v2d* v = reinterpret_cast<v2d*>(p);
+        v[0] += x.lo;
+        v[1] += x.hi;
+    }
+};
+
+using MixFn = void (*)(PaulaState&, float*, int);
+
+MixFn kernel_fn(PaulaKernel k) {
+    if (k == PaulaKernel::Avx2Fma && paula_kernel_available(k)) return paula_mix_avx2_fma;
+    return mix_frames<PlainOps>;
+}
+
+}  // namespace
+
+bool paula_kernel_available(PaulaKernel k) {
+    if (k == PaulaKernel::Portable) return true;
+#if ORVEL_PAULA_AVX2
+    __builtin_cpu_init();
+    return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma");
+#else
+    return false;
+#endif
+}
+
+PaulaKernel paula_kernel_in_use() {
+    static const PaulaKernel best = paula_kernel_available(PaulaKernel::Avx2Fma)
+                                        ? PaulaKernel::Avx2Fma
+                                        : PaulaKernel::Portable;
+    return best;
+}
+
+void paula_mix_frames_with(PaulaKernel k, PaulaState& p, float* out, int frames) {
+    kernel_fn(k)(p, out, frames);
+}
+
+void paula_mix_frames(PaulaState& p, float* out, int frames) {
+    static const MixFn fn = kernel_fn(paula_kernel_in_use());
+    fn(p, out, frames);
 }

@@ -49,4 +49,14 @@ constexpr uint32_t PAULA_CLOCK_PAL = 3546895;  // PAL colour clock, Hz
 constexpr uint32_t OUTPUT_RATE = 48000;
 
 void paula_recalc(PaulaState& paula);
+// Adds `frames` stereo frames to out (left, right); out is not cleared.
 void paula_mix_frames(PaulaState& paula, float* out, int frames);
+
+// The tick loop exists twice: a portable build for any x86-64 (or other)
+// CPU and an AVX2 build with fused multiply-add. paula_mix_frames picks the
+// fastest one the CPU has, once. Their samples differ only in the last bits
+// of a double.
+enum class PaulaKernel : uint8_t { Portable, Avx2Fma };
+bool paula_kernel_available(PaulaKernel kernel);
+PaulaKernel paula_kernel_in_use();
+void paula_mix_frames_with(PaulaKernel kernel, PaulaState& paula, float* out, int frames);
