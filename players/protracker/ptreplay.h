@@ -44,7 +44,8 @@
  * end of the order list), as a tracker's duration scan counts it. A row
  * played again inside a pattern loop is not a repeat as long as the loop
  * counters differ from its earlier visits; an endless loop (two E6x rows of
- * one channel sharing a loop start) comes back to the same counters.
+ * one channel sharing a loop start) comes back to the same counters. More
+ * than PT_LOOP_VISITS different rows inside loops also count as the end.
  * Playback then goes on; the visited rows are forgotten. */
 #ifndef PTREPLAY_H
 #define PTREPLAY_H
