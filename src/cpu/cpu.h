@@ -16,6 +16,19 @@ extern OpHandler op_table[65536];
 // Fill op_table completely (every slot gets a handler).
 void op_table_fill();
 
+// What the last op_table_fill found: slots left at op_illegal, slots that a
+// registration took over from another family (none are intended), and the
+// number of distinct handlers entered.
+struct OpTableStats {
+    unsigned illegal_slots;
+    unsigned overwritten_slots;
+    unsigned handlers;
+};
+OpTableStats op_table_stats();
+
+// Name of the handler op_table holds for an opcode, e.g. "op_move_w_dn_an".
+const char* op_name(uint16_t opcode);
+
 void cpu_reset(Machine& m);
 
 inline void step(Machine& m) {

@@ -61,14 +61,17 @@ TEST_F(BusTest, TopOfMemoryFaults) {
         m.fault = 0;
         uint32_t v = c.size == 2 ? read16(m, c.address) : read32(m, c.address);
         EXPECT_EQ(m.fault, c.faults ? 2 : 0);
-        if (c.faults) EXPECT_EQ(v, c.size == 2 ? 0xFFFFu : 0xFFFFFFFFu);
+        if (c.faults) {
+            EXPECT_EQ(v, c.size == 2 ? 0xFFFFu : 0xFFFFFFFFu);
+        }
         m.fault = 0;
         if (c.size == 2) write16(m, c.address, 0xA5A5);
         else write32(m, c.address, 0xA5A5A5A5);
         EXPECT_EQ(m.fault, c.faults ? 2 : 0);
         // A faulting write is dropped whole.
-        for (uint32_t a = 0xFFFFF8; a <= 0xFFFFFF; a++)
-            if (c.faults) EXPECT_EQ(m.chip_ram[a], uint8_t(a)) << std::hex << a;
+        for (uint32_t a = 0xFFFFF8; a <= 0xFFFFFF && c.faults; a++) {
+            EXPECT_EQ(m.chip_ram[a], uint8_t(a)) << std::hex << a;
+        }
     }
     // A byte access never faults.
     m.fault = 0;
