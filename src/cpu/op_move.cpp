@@ -163,9 +163,9 @@ void op_lea(Machine& m, uint16_t op) {
 void op_pea(Machine& m, uint16_t op) { push32(m, ea_addr_control(m, op)); }
 
 void ops_register_move_rest() {
-    //                                 Dn An (An) (An)+ -(An) d16 idx .W .L d16PC idxPC #
-    // MOVEM registers to memory              x           x    x   x   x  x
-    // MOVEM memory to registers              x     x          x   x   x  x    x     x
+    //                    Dn An (An) (An)+ -(An) d16 idx .W .L d16PC idxPC #
+    // MOVEM to memory            x          x    x   x   x  x
+    // MOVEM from memory          x    x          x   x   x  x   x     x
     const unsigned to_mem = MODES_CONTROL_ALT | 1u << Adec;
     const unsigned from_mem = MODES_CONTROL | 1u << Ainc;
     bind_modes("0100 1000 10MM MRRR", {}, to_mem, op_movem_to_mem<W>, "op_movem_to_mem_w");
