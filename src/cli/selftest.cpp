@@ -5,9 +5,9 @@
 
 #include <cstdio>
 #include <cstring>
+#include <initializer_list>
 
 #include "cpu/cpu.h"
-#include "cpu/ops.h"
 #include "disasm/disasm.h"
 #include "machine.h"
 
@@ -172,11 +172,11 @@ bool phase2(Machine& m) {
 
     put_words(m, 0x900, {0x12CD, 0x3456});
     m.pc = 0x900;
-    if (fetch_imm<B>(m) != 0xCD || m.pc != 0x902) return fail("FAIL fetch_imm_b");
+    if (fetch_imm_b(m) != 0xCD || m.pc != 0x902) return fail("FAIL fetch_imm_b");
     m.pc = 0x900;
-    if (fetch_imm<W>(m) != 0x12CD || m.pc != 0x902) return fail("FAIL fetch_imm_w");
+    if (fetch_imm_w(m) != 0x12CD || m.pc != 0x902) return fail("FAIL fetch_imm_w");
     m.pc = 0x900;
-    if (fetch_imm<L>(m) != 0x12CD3456 || m.pc != 0x904) return fail("FAIL fetch_imm_l");
+    if (fetch_imm_l(m) != 0x12CD3456 || m.pc != 0x904) return fail("FAIL fetch_imm_l");
     return true;
 }
 

@@ -27,7 +27,7 @@ uint32_t exception(Machine& m, int vector) {
         m.usp = m.a[7];
         m.a[7] = m.ssp;
     }
-    push32(m, m.pc);
+    cpu_push32(m, m.pc);
     push16(m, old_sr);
     push16(m, uint16_t((vector * 4) & 0x0FFF));
     m.pc = read32(m, m.vbr + uint32_t(vector) * 4);
@@ -52,7 +52,7 @@ void cpu_set_sr(Machine& m, uint16_t value) {
     m.sr = value;
 }
 
-bool require_supervisor(Machine& m) {
+bool cpu_require_supervisor(Machine& m) {
     if (m.sr & SR_S) return true;
     exception(m, VEC_PRIVILEGE);
     return false;

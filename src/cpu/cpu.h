@@ -54,6 +54,11 @@ void set_sub_flags_w(Machine& m, uint32_t dst, uint32_t src, uint32_t result);
 void set_cmp_flags_b(Machine& m, uint32_t dst, uint32_t src, uint32_t result);
 void set_cmp_flags_w(Machine& m, uint32_t dst, uint32_t src, uint32_t result);
 
+// Immediate operands; a byte takes the low half of its extension word.
+inline uint8_t fetch_imm_b(Machine& m) { return uint8_t(fetch16(m)); }
+inline uint16_t fetch_imm_w(Machine& m) { return fetch16(m); }
+inline uint32_t fetch_imm_l(Machine& m) { return fetch32(m); }
+
 uint32_t ea_an_idx(Machine& m, int reg);
 uint32_t ea_pc_idx(Machine& m);
 uint32_t ea_full(Machine& m, uint32_t base, uint16_t extension);

@@ -36,7 +36,7 @@ void op_alu_to_ccr(Machine& m, uint16_t) {
 // Privileged; the check comes before the immediate word is fetched.
 template <AluOp O>
 void op_alu_to_sr(Machine& m, uint16_t) {
-    if (require_supervisor(m)) cpu_set_sr(m, uint16_t(logic_bits<O>(m.sr, fetch16(m))));
+    if (cpu_require_supervisor(m)) cpu_set_sr(m, uint16_t(logic_bits<O>(m.sr, fetch16(m))));
 }
 
 // ADDA, SUBA, CMPA: the source sign-extended, the whole register, and no
@@ -66,7 +66,7 @@ template <AluOp O, class Sources>
 void bind_to_dn(const char* picture, const char* name) {
     for_sizes(AllSizes{}, [&]<Size S>() {
         auto each = [&]<Mode SRC>() {
-            bind_sized<S, SRC>(picture, op_alu_to_dn<O, S, SRC>, handler_name(name, S, SRC, Dn));
+            op_bind_sized<S, SRC>(picture, op_alu_to_dn<O, S, SRC>, op_handler_name(name, S, SRC, Dn));
         };
         if constexpr (S == B) for_modes(DataModes{}, each);
         else for_modes(Sources{}, each);
@@ -77,7 +77,7 @@ template <AluOp O, class Dests>
 void bind_from_dn(const char* picture, const char* name) {
     for_sizes(AllSizes{}, [&]<Size S>() {
         for_modes(Dests{}, [&]<Mode DST>() {
-            bind_sized<S, DST>(picture, op_alu_from_dn<O, S, DST>, handler_name(name, S, Dn, DST));
+            op_bind_sized<S, DST>(picture, op_alu_from_dn<O, S, DST>, op_handler_name(name, S, Dn, DST));
         });
     });
 }
@@ -86,15 +86,15 @@ template <AluOp O>
 void bind_imm(const char* picture, const char* name) {
     for_sizes(AllSizes{}, [&]<Size S>() {
         for_modes(DataAlterable{}, [&]<Mode DST>() {
-            bind_sized<S, DST>(picture, op_alu_imm<O, S, DST>, handler_name(name, S, DST));
+            op_bind_sized<S, DST>(picture, op_alu_imm<O, S, DST>, op_handler_name(name, S, DST));
         });
     });
     if constexpr (O == AND || O == OR || O == EOR) {
         // The size field 00 with #imm as the destination is the CCR form,
         // 01 the SR form.
         std::string n(name);
-        bind(picture, {{'s', 0}, {'M', 7}, {'R', 4}}, op_alu_to_ccr<O>, n + "_to_ccr");
-        bind(picture, {{'s', 1}, {'M', 7}, {'R', 4}}, op_alu_to_sr<O>, n + "_to_sr");
+        op_bind(picture, {{'s', 0}, {'M', 7}, {'R', 4}}, op_alu_to_ccr<O>, n + "_to_ccr");
+        op_bind(picture, {{'s', 1}, {'M', 7}, {'R', 4}}, op_alu_to_sr<O>, n + "_to_sr");
     }
 }
 
@@ -104,8 +104,8 @@ void bind_to_an(const char* picture, const char* name) {
     for_sizes(WordLong{}, [&]<Size S>() {
         for_modes(AllModes{}, [&]<Mode SRC>() {
             EaFields e = ea_fields(SRC);
-            bind(picture, {{'a', S == L}, e.mode, e.reg}, op_alu_to_an<O, S, SRC>,
-                 handler_name(name, S, SRC, An));
+            op_bind(picture, {{'a', S == L}, e.mode, e.reg}, op_alu_to_an<O, S, SRC>,
+                 op_handler_name(name, S, SRC, An));
         });
     });
 }
@@ -114,9 +114,9 @@ template <AluOp O>
 void bind_quick(const char* picture, const char* name) {
     for_sizes(AllSizes{}, [&]<Size S>() {
         for_modes(DataAlterable{}, [&]<Mode DST>() {
-            bind_sized<S, DST>(picture, op_quick<O, S, DST>, handler_name(name, S, DST));
+            op_bind_sized<S, DST>(picture, op_quick<O, S, DST>, op_handler_name(name, S, DST));
         });
-        if constexpr (S != B) bind_sized<S, An>(picture, op_quick<O, S, An>, handler_name(name, S, An));
+        if constexpr (S != B) op_bind_sized<S, An>(picture, op_quick<O, S, An>, op_handler_name(name, S, An));
     });
 }
 

@@ -37,7 +37,7 @@ template <UnaryOp O>
 void bind_unary(const char* picture, const char* name) {
     for_sizes(AllSizes{}, [&]<Size S>() {
         for_modes(DataAlterable{}, [&]<Mode M>() {
-            bind_sized<S, M>(picture, op_unary<O, S, M>, handler_name(name, S, M));
+            op_bind_sized<S, M>(picture, op_unary<O, S, M>, op_handler_name(name, S, M));
         });
     });
 }
@@ -144,16 +144,16 @@ void op_abcd(Machine& m, uint16_t op) { decimal<bcd_add>(m, op); }
 void op_sbcd(Machine& m, uint16_t op) { decimal<bcd_sub>(m, op); }
 
 void ops_register_cmpm() {
-    for (unsigned s = 0; s < 3; s++) bind("1011 xxx1 ss00 1yyy", {{'s', s}}, op_cmpm, "op_cmpm");
+    for (unsigned s = 0; s < 3; s++) op_bind("1011 xxx1 ss00 1yyy", {{'s', s}}, op_cmpm, "op_cmpm");
 }
 
 void ops_register_extended() {
     for (unsigned s = 0; s < 3; s++) {
-        bind("1101 xxx1 ss00 myyy", {{'s', s}}, op_addx, "op_addx");
-        bind("1001 xxx1 ss00 myyy", {{'s', s}}, op_subx, "op_subx");
+        op_bind("1101 xxx1 ss00 myyy", {{'s', s}}, op_addx, "op_addx");
+        op_bind("1001 xxx1 ss00 myyy", {{'s', s}}, op_subx, "op_subx");
     }
-    bind("1100 xxx1 0000 myyy", {}, op_abcd, "op_abcd");
-    bind("1000 xxx1 0000 myyy", {}, op_sbcd, "op_sbcd");
+    op_bind("1100 xxx1 0000 myyy", {}, op_abcd, "op_abcd");
+    op_bind("1000 xxx1 0000 myyy", {}, op_sbcd, "op_sbcd");
 }
 
 // ---- multiply, divide, bounds check (16-bit operand forms) ----
@@ -221,9 +221,9 @@ void op_chk_w(Machine& m, uint16_t op) {
 }
 
 void ops_register_arith_rest() {
-    bind_modes("1100 xxx0 11MM MRRR", {}, MODES_DATA, op_mulu_w, "op_mulu_w");
-    bind_modes("1100 xxx1 11MM MRRR", {}, MODES_DATA, op_muls_w, "op_muls_w");
-    bind_modes("1000 xxx0 11MM MRRR", {}, MODES_DATA, op_divu_w, "op_divu_w");
-    bind_modes("1000 xxx1 11MM MRRR", {}, MODES_DATA, op_divs_w, "op_divs_w");
-    bind_modes("0100 xxx1 10MM MRRR", {}, MODES_DATA, op_chk_w, "op_chk_w");
+    op_bind_modes("1100 xxx0 11MM MRRR", {}, MODES_DATA, op_mulu_w, "op_mulu_w");
+    op_bind_modes("1100 xxx1 11MM MRRR", {}, MODES_DATA, op_muls_w, "op_muls_w");
+    op_bind_modes("1000 xxx0 11MM MRRR", {}, MODES_DATA, op_divu_w, "op_divu_w");
+    op_bind_modes("1000 xxx1 11MM MRRR", {}, MODES_DATA, op_divs_w, "op_divs_w");
+    op_bind_modes("0100 xxx1 10MM MRRR", {}, MODES_DATA, op_chk_w, "op_chk_w");
 }

@@ -107,16 +107,16 @@ void op_shift_mem(Machine& m, uint16_t op) {
 
 void ops_register_bits_rest() {
     const unsigned btst_static = MODES_DATA & ~(1u << Imm);
-    bind_modes("0000 1000 00MM MRRR", {}, btst_static, op_bit<BTST, false>, "op_btst_stat");
-    bind_modes("0000 1000 01MM MRRR", {}, MODES_DATA_ALT, op_bit<BCHG, false>, "op_bchg_stat");
-    bind_modes("0000 1000 10MM MRRR", {}, MODES_DATA_ALT, op_bit<BCLR, false>, "op_bclr_stat");
-    bind_modes("0000 1000 11MM MRRR", {}, MODES_DATA_ALT, op_bit<BSET, false>, "op_bset_stat");
-    bind_modes("0000 xxx1 00MM MRRR", {}, MODES_DATA, op_bit<BTST, true>, "op_btst_dyn");
-    bind_modes("0000 xxx1 01MM MRRR", {}, MODES_DATA_ALT, op_bit<BCHG, true>, "op_bchg_dyn");
-    bind_modes("0000 xxx1 10MM MRRR", {}, MODES_DATA_ALT, op_bit<BCLR, true>, "op_bclr_dyn");
-    bind_modes("0000 xxx1 11MM MRRR", {}, MODES_DATA_ALT, op_bit<BSET, true>, "op_bset_dyn");
-    bind_modes("0100 1010 11MM MRRR", {}, MODES_DATA_ALT, op_tas, "op_tas");
+    op_bind_modes("0000 1000 00MM MRRR", {}, btst_static, op_bit<BTST, false>, "op_btst_stat");
+    op_bind_modes("0000 1000 01MM MRRR", {}, MODES_DATA_ALT, op_bit<BCHG, false>, "op_bchg_stat");
+    op_bind_modes("0000 1000 10MM MRRR", {}, MODES_DATA_ALT, op_bit<BCLR, false>, "op_bclr_stat");
+    op_bind_modes("0000 1000 11MM MRRR", {}, MODES_DATA_ALT, op_bit<BSET, false>, "op_bset_stat");
+    op_bind_modes("0000 xxx1 00MM MRRR", {}, MODES_DATA, op_bit<BTST, true>, "op_btst_dyn");
+    op_bind_modes("0000 xxx1 01MM MRRR", {}, MODES_DATA_ALT, op_bit<BCHG, true>, "op_bchg_dyn");
+    op_bind_modes("0000 xxx1 10MM MRRR", {}, MODES_DATA_ALT, op_bit<BCLR, true>, "op_bclr_dyn");
+    op_bind_modes("0000 xxx1 11MM MRRR", {}, MODES_DATA_ALT, op_bit<BSET, true>, "op_bset_dyn");
+    op_bind_modes("0100 1010 11MM MRRR", {}, MODES_DATA_ALT, op_tas, "op_tas");
 
-    for (unsigned s = 0; s < 3; s++) bind("1110 cccd ssit trrr", {{'s', s}}, op_shift_dn, "op_shift_dn");
-    bind_modes("1110 0ttd 11MM MRRR", {}, MODES_MEM_ALT, op_shift_mem, "op_shift_mem");
+    for (unsigned s = 0; s < 3; s++) op_bind("1110 cccd ssit trrr", {{'s', s}}, op_shift_dn, "op_shift_dn");
+    op_bind_modes("1110 0ttd 11MM MRRR", {}, MODES_MEM_ALT, op_shift_mem, "op_shift_mem");
 }

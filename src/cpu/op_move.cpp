@@ -1,5 +1,6 @@
 // Data movement: MOVE/MOVEA, MOVEQ, MOVEM, the status-register and USP
 // moves, EXG, SWAP, EXT, LEA and PEA.
+#include <bit>
 #include <utility>
 
 #include "cpu/ops.h"
@@ -37,8 +38,8 @@ void bind_move(Sources sources, Dests dests) {
     for_modes(sources, [&]<Mode SRC>() {
         for_modes(dests, [&]<Mode DST>() {
             EaFields s = ea_fields(SRC), d = ea_fields(DST, 'N', 'Q');
-            bind("00ss QQQN NNMM MRRR", {{'s', move_size<S>}, s.mode, s.reg, d.mode, d.reg},
-                 op_move<S, SRC, DST>, handler_name("op_move", S, SRC, DST));
+            op_bind("00ss QQQN NNMM MRRR", {{'s', move_size<S>}, s.mode, s.reg, d.mode, d.reg},
+                 op_move<S, SRC, DST>, op_handler_name("op_move", S, SRC, DST));
         });
     });
 }
@@ -50,7 +51,7 @@ void ops_register_move_families() {
     bind_move<B>(DataModes{}, DataAlterable{});
     bind_move<W>(AllModes{}, MoveDest{});
     bind_move<L>(AllModes{}, MoveDest{});
-    bind("0111 xxx0 dddd dddd", {}, op_moveq, "op_moveq");
+    op_bind("0111 xxx0 dddd dddd", {}, op_moveq, "op_moveq");
 }
 
 // ---- MOVEM ----
@@ -61,46 +62,38 @@ void ops_register_move_families() {
 // from before the instruction.
 template <Size S>
 void op_movem_to_mem(Machine& m, uint16_t op) {
-    uint16_t list = fetch16(m);
+    unsigned list = fetch16(m);
     if (mode_of(op) == Adec) {
         unsigned r = op & 7;
         uint32_t a = m.a[r];
-        for (unsigned i = 0; i < 16; i++) {
-            if (!(list >> i & 1)) continue;
+        for (; list; list &= list - 1) {
             a -= S;
-            write_sized<S>(m, a, reg_da(m, 15 - i));
+            write_sized<S>(m, a, reg_da(m, 15 - unsigned(std::countr_zero(list))));
         }
         m.a[r] = a;
         return;
     }
     uint32_t a = ea_address_of(m, op, S, MODES_CONTROL_ALT);
-    for (unsigned i = 0; i < 16; i++) {
-        if (!(list >> i & 1)) continue;
-        write_sized<S>(m, a, reg_da(m, i));
-        a += S;
-    }
+    for (; list; list &= list - 1, a += S) write_sized<S>(m, a, reg_da(m, unsigned(std::countr_zero(list))));
 }
 
 // Words are sign-extended into whole registers, data registers included.
 // With (An)+ the final address wins over a value loaded into An.
 template <Size S>
 void op_movem_from_mem(Machine& m, uint16_t op) {
-    uint16_t list = fetch16(m);
+    unsigned list = fetch16(m);
     bool postincrement = mode_of(op) == Ainc;
     unsigned r = op & 7;
     uint32_t a = postincrement ? m.a[r] : ea_address_of(m, op, S, MODES_CONTROL);
-    for (unsigned i = 0; i < 16; i++) {
-        if (!(list >> i & 1)) continue;
-        reg_da(m, i) = sext<S>(read_sized<S>(m, a));
-        a += S;
-    }
+    for (; list; list &= list - 1, a += S)
+        reg_da(m, unsigned(std::countr_zero(list))) = sext<S>(read_sized<S>(m, a));
     if (postincrement) m.a[r] = a;
 }
 
 // ---- status register and USP ----
 
 void op_move_to_sr(Machine& m, uint16_t op) {
-    if (require_supervisor(m)) cpu_set_sr(m, ea_load_w(m, op));
+    if (cpu_require_supervisor(m)) cpu_set_sr(m, ea_load_w(m, op));
 }
 
 // The whole low byte goes into SR, bits 7-5 included.
@@ -110,17 +103,17 @@ void op_move_to_ccr(Machine& m, uint16_t op) {
 
 // Privileged as on the 68010, so that a supervisor can virtualise SR.
 void op_move_from_sr(Machine& m, uint16_t op) {
-    if (require_supervisor(m)) store_decoded<W>(m, op, m.sr);
+    if (cpu_require_supervisor(m)) store_decoded<W>(m, op, m.sr);
 }
 
 void op_move_from_ccr(Machine& m, uint16_t op) { store_decoded<W>(m, op, m.sr & 0xFF); }
 
 void op_move_an_to_usp(Machine& m, uint16_t op) {
-    if (require_supervisor(m)) m.usp = m.a[op & 7];
+    if (cpu_require_supervisor(m)) m.usp = m.a[op & 7];
 }
 
 void op_move_usp_to_an(Machine& m, uint16_t op) {
-    if (require_supervisor(m)) m.a[op & 7] = m.usp;
+    if (cpu_require_supervisor(m)) m.a[op & 7] = m.usp;
 }
 
 // ---- register-only ----
@@ -160,7 +153,7 @@ void op_lea(Machine& m, uint16_t op) {
     m.a[(op >> 9) & 7] = a;
 }
 
-void op_pea(Machine& m, uint16_t op) { push32(m, ea_addr_control(m, op)); }
+void op_pea(Machine& m, uint16_t op) { cpu_push32(m, ea_addr_control(m, op)); }
 
 void ops_register_move_rest() {
     //                    Dn An (An) (An)+ -(An) d16 idx .W .L d16PC idxPC #
@@ -168,26 +161,26 @@ void ops_register_move_rest() {
     // MOVEM from memory          x    x          x   x   x  x   x     x
     const unsigned to_mem = MODES_CONTROL_ALT | 1u << Adec;
     const unsigned from_mem = MODES_CONTROL | 1u << Ainc;
-    bind_modes("0100 1000 10MM MRRR", {}, to_mem, op_movem_to_mem<W>, "op_movem_to_mem_w");
-    bind_modes("0100 1000 11MM MRRR", {}, to_mem, op_movem_to_mem<L>, "op_movem_to_mem_l");
-    bind_modes("0100 1100 10MM MRRR", {}, from_mem, op_movem_from_mem<W>, "op_movem_from_mem_w");
-    bind_modes("0100 1100 11MM MRRR", {}, from_mem, op_movem_from_mem<L>, "op_movem_from_mem_l");
+    op_bind_modes("0100 1000 10MM MRRR", {}, to_mem, op_movem_to_mem<W>, "op_movem_to_mem_w");
+    op_bind_modes("0100 1000 11MM MRRR", {}, to_mem, op_movem_to_mem<L>, "op_movem_to_mem_l");
+    op_bind_modes("0100 1100 10MM MRRR", {}, from_mem, op_movem_from_mem<W>, "op_movem_from_mem_w");
+    op_bind_modes("0100 1100 11MM MRRR", {}, from_mem, op_movem_from_mem<L>, "op_movem_from_mem_l");
 
-    bind_modes("0100 0110 11MM MRRR", {}, MODES_DATA, op_move_to_sr, "op_move_to_sr");
-    bind_modes("0100 0100 11MM MRRR", {}, MODES_DATA, op_move_to_ccr, "op_move_to_ccr");
-    bind_modes("0100 0000 11MM MRRR", {}, MODES_DATA_ALT, op_move_from_sr, "op_move_from_sr");
-    bind_modes("0100 0010 11MM MRRR", {}, MODES_DATA_ALT, op_move_from_ccr, "op_move_from_ccr");
-    bind("0100 1110 0110 0rrr", {}, op_move_an_to_usp, "op_move_an_to_usp");
-    bind("0100 1110 0110 1rrr", {}, op_move_usp_to_an, "op_move_usp_to_an");
+    op_bind_modes("0100 0110 11MM MRRR", {}, MODES_DATA, op_move_to_sr, "op_move_to_sr");
+    op_bind_modes("0100 0100 11MM MRRR", {}, MODES_DATA, op_move_to_ccr, "op_move_to_ccr");
+    op_bind_modes("0100 0000 11MM MRRR", {}, MODES_DATA_ALT, op_move_from_sr, "op_move_from_sr");
+    op_bind_modes("0100 0010 11MM MRRR", {}, MODES_DATA_ALT, op_move_from_ccr, "op_move_from_ccr");
+    op_bind("0100 1110 0110 0rrr", {}, op_move_an_to_usp, "op_move_an_to_usp");
+    op_bind("0100 1110 0110 1rrr", {}, op_move_usp_to_an, "op_move_usp_to_an");
 
-    bind("1100 xxx1 0100 0yyy", {}, op_exg_dn_dn, "op_exg_dn_dn");
-    bind("1100 xxx1 0100 1yyy", {}, op_exg_an_an, "op_exg_an_an");
-    bind("1100 xxx1 1000 1yyy", {}, op_exg_dn_an, "op_exg_dn_an");
-    bind("0100 1000 0100 0rrr", {}, op_swap, "op_swap");
-    bind("0100 1000 1000 0rrr", {}, op_ext_w, "op_ext_w");
-    bind("0100 1000 1100 0rrr", {}, op_ext_l, "op_ext_l");
-    bind("0100 1001 1100 0rrr", {}, op_extb_l, "op_extb_l");
+    op_bind("1100 xxx1 0100 0yyy", {}, op_exg_dn_dn, "op_exg_dn_dn");
+    op_bind("1100 xxx1 0100 1yyy", {}, op_exg_an_an, "op_exg_an_an");
+    op_bind("1100 xxx1 1000 1yyy", {}, op_exg_dn_an, "op_exg_dn_an");
+    op_bind("0100 1000 0100 0rrr", {}, op_swap, "op_swap");
+    op_bind("0100 1000 1000 0rrr", {}, op_ext_w, "op_ext_w");
+    op_bind("0100 1000 1100 0rrr", {}, op_ext_l, "op_ext_l");
+    op_bind("0100 1001 1100 0rrr", {}, op_extb_l, "op_extb_l");
 
-    bind_modes("0100 xxx1 11MM MRRR", {}, MODES_CONTROL, op_lea, "op_lea");
-    bind_modes("0100 1000 01MM MRRR", {}, MODES_CONTROL, op_pea, "op_pea");
+    op_bind_modes("0100 xxx1 11MM MRRR", {}, MODES_CONTROL, op_lea, "op_lea");
+    op_bind_modes("0100 1000 01MM MRRR", {}, MODES_CONTROL, op_pea, "op_pea");
 }

@@ -191,19 +191,18 @@ inline void write_sized(Machine& m, uint32_t address, uint32_t v) {
     else write32(m, address, v);
 }
 
-// An immediate operand: a byte takes the low half of its extension word.
 template <Size S>
 inline uint32_t fetch_imm(Machine& m) {
-    if constexpr (S == B) return fetch16(m) & 0xFF;
-    else if constexpr (S == W) return fetch16(m);
-    else return fetch32(m);
+    if constexpr (S == B) return fetch_imm_b(m);
+    else if constexpr (S == W) return fetch_imm_w(m);
+    else return fetch_imm_l(m);
 }
 
-inline void push32(Machine& m, uint32_t v) {
+inline void cpu_push32(Machine& m, uint32_t v) {
     m.a[7] -= 4;
     write32(m, m.a[7], v);
 }
-inline uint32_t pop32(Machine& m) {
+inline uint32_t cpu_pop32(Machine& m) {
     uint32_t v = read32(m, m.a[7]);
     m.a[7] += 4;
     return v;
@@ -304,7 +303,7 @@ inline uint32_t alu(Machine& m, uint32_t d, uint32_t s) {
 
 // The privileged instructions run only in supervisor mode; in user mode
 // they take the privilege-violation exception instead.
-bool require_supervisor(Machine& m);
+bool cpu_require_supervisor(Machine& m);
 
 constexpr int VEC_ILLEGAL = 4, VEC_ZERO_DIVIDE = 5, VEC_CHK = 6, VEC_TRAPV = 7,
               VEC_PRIVILEGE = 8, VEC_LINE_F = 11, VEC_FORMAT = 14, VEC_TRAP_0 = 32;
@@ -322,7 +321,7 @@ constexpr unsigned ANY = ~0u;
 // Enter `handler` for every opcode that matches `picture`: sixteen bit
 // characters (spaces ignored), '0' and '1' fixed, letters are fields whose
 // last character is their least significant bit.
-void bind(const char* picture, std::initializer_list<Field> fields, OpHandler handler,
+void op_bind(const char* picture, std::initializer_list<Field> fields, OpHandler handler,
           const std::string& name);
 
 // The mode and register fields of an effective address, for the letters
@@ -341,21 +340,21 @@ constexpr unsigned size_code = S == B ? 0 : S == W ? 1 : 2;
 
 // Bind with the size field 's' and the mode fields 'M' and 'R' set.
 template <Size S, Mode M>
-void bind_sized(const char* picture, OpHandler handler, const std::string& name) {
+void op_bind_sized(const char* picture, OpHandler handler, const std::string& name) {
     EaFields e = ea_fields(M);
-    bind(picture, {{'s', size_code<S>}, e.mode, e.reg}, handler, name);
+    op_bind(picture, {{'s', size_code<S>}, e.mode, e.reg}, handler, name);
 }
 
 // Bind once per mode in `modes`, with the mode fields 'M' and 'R'.
-void bind_modes(const char* picture, std::initializer_list<Field> fields, unsigned modes,
+void op_bind_modes(const char* picture, std::initializer_list<Field> fields, unsigned modes,
                 OpHandler handler, const std::string& name);
 
 // Handler names: op_<operation>_<size>_<source>_<destination>.
-const char* mode_token(Mode m);
-constexpr const char* size_token(Size s) { return s == B ? "b" : s == W ? "w" : "l"; }
-std::string handler_name(const char* operation, Size s);
-std::string handler_name(const char* operation, Size s, Mode m);
-std::string handler_name(const char* operation, Size s, Mode src, Mode dst);
+const char* op_mode_token(Mode m);
+constexpr const char* op_size_token(Size s) { return s == B ? "b" : s == W ? "w" : "l"; }
+std::string op_handler_name(const char* operation, Size s);
+std::string op_handler_name(const char* operation, Size s, Mode m);
+std::string op_handler_name(const char* operation, Size s, Mode src, Mode dst);
 
 // Call f.template operator()<X>() for each mode or size of a list: the
 // registrations walk the families' mode grids with this.

@@ -68,24 +68,24 @@ const char* const MODE_TOKENS[MODE_COUNT] = {"dn",   "an",   "ai",   "ainc",  "a
 
 }  // namespace
 
-const char* mode_token(Mode m) { return MODE_TOKENS[m]; }
+const char* op_mode_token(Mode m) { return MODE_TOKENS[m]; }
 
-std::string handler_name(const char* operation, Size s) {
-    return std::string(operation) + "_" + size_token(s);
+std::string op_handler_name(const char* operation, Size s) {
+    return std::string(operation) + "_" + op_size_token(s);
 }
-std::string handler_name(const char* operation, Size s, Mode m) {
-    return handler_name(operation, s) + "_" + mode_token(m);
+std::string op_handler_name(const char* operation, Size s, Mode m) {
+    return op_handler_name(operation, s) + "_" + op_mode_token(m);
 }
-std::string handler_name(const char* operation, Size s, Mode src, Mode dst) {
-    return handler_name(operation, s, src) + "_" + mode_token(dst);
+std::string op_handler_name(const char* operation, Size s, Mode src, Mode dst) {
+    return op_handler_name(operation, s, src) + "_" + op_mode_token(dst);
 }
 
-void bind(const char* picture, std::initializer_list<Field> fields, OpHandler handler,
+void op_bind(const char* picture, std::initializer_list<Field> fields, OpHandler handler,
           const std::string& name) {
     bind_fields(picture, fields.begin(), fields.size(), handler, name);
 }
 
-void bind_modes(const char* picture, std::initializer_list<Field> fields, unsigned modes,
+void op_bind_modes(const char* picture, std::initializer_list<Field> fields, unsigned modes,
                 OpHandler handler, const std::string& name) {
     for (unsigned md = 0; md < MODE_COUNT; md++) {
         if (!(modes & (1u << md))) continue;
@@ -111,8 +111,8 @@ void op_table_fill() {
     for (OpHandler& h : op_table) h = op_illegal;
     for (uint16_t& n : slot_name) n = 0;
 
-    bind("1010 xxxx xxxx xxxx", {}, op_line_a, "op_line_a");
-    bind("1111 xxxx xxxx xxxx", {}, op_line_f, "op_line_f");
+    op_bind("1010 xxxx xxxx xxxx", {}, op_line_a, "op_line_a");
+    op_bind("1111 xxxx xxxx xxxx", {}, op_line_f, "op_line_f");
     ops_register_returns();
     ops_register();
     ops_register_bcc();
