@@ -51,8 +51,8 @@ uint32_t ea_an_idx(Machine& m, int reg) { return indexed(m, m.a[reg & 7]); }
 uint32_t ea_pc_idx(Machine& m) { return indexed(m, m.pc); }
 
 uint32_t ea_full(Machine& m, uint32_t base, uint16_t ext) {
-    if (ext & 0x0080) base = 0;                             // BS: base suppressed
-    uint32_t bd = displacement(m, (ext >> 4) & 3);          // BD SIZE
+    if (ext & 0x0080) base = 0;                                 // BS: base suppressed
+    uint32_t bd = displacement(m, (ext >> 4) & 3);              // BD SIZE
     uint32_t index = (ext & 0x0040) ? 0 : index_value(m, ext);  // IS: index suppressed
     unsigned iis = ext & 7;
     if (iis == 0) return base + bd + index;

@@ -16,17 +16,14 @@ void op_unary(Machine& m, uint16_t op) {
     } else if constexpr (O == TST) {
         logic_flags<S>(m, load<S, M>(m, op & 7));
     } else {
-        modify<S, M>(m, op & 7, [&](uint32_t d) {
+        modify<S, M>(m, op & 7, [&](uint32_t d) -> uint32_t {
             if constexpr (O == NEG) return alu<SUB, S>(m, 0, d);
-            uint32_t r;
-            if constexpr (O == NOT) {
-                r = ~d & mask<S>;
-                logic_flags<S>(m, r);
-            } else {
-                r = (0 - d - ((m.sr & SR_X) ? 1 : 0)) & mask<S>;
+            else if constexpr (O == NOT) return alu<EOR, S>(m, d, mask<S>);
+            else {
+                uint32_t r = (0 - d - ((m.sr & SR_X) ? 1 : 0)) & mask<S>;
                 extend_flags<S>(m, sub_ccr<S>(0, d, r), r);
+                return r;
             }
-            return r;
         });
     }
 }

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <initializer_list>
 #include <string>
 
 #include "cpu/cpu.h"
@@ -87,7 +88,6 @@ template <Size S>
 constexpr uint16_t nz_bits(uint32_t r) {
     return uint16_t((r & msb<S> ? SR_N : 0) | ((r & mask<S>) == 0 ? SR_Z : 0));
 }
-
 
 // Carry and overflow out of the top bit, from the operands and the result
 // truncated to the size.
@@ -322,7 +322,7 @@ constexpr unsigned ANY = ~0u;
 // characters (spaces ignored), '0' and '1' fixed, letters are fields whose
 // last character is their least significant bit.
 void op_bind(const char* picture, std::initializer_list<Field> fields, OpHandler handler,
-          const std::string& name);
+             const std::string& name);
 
 // The mode and register fields of an effective address, for the letters
 // that a picture uses for them.
@@ -347,7 +347,7 @@ void op_bind_sized(const char* picture, OpHandler handler, const std::string& na
 
 // Bind once per mode in `modes`, with the mode fields 'M' and 'R'.
 void op_bind_modes(const char* picture, std::initializer_list<Field> fields, unsigned modes,
-                OpHandler handler, const std::string& name);
+                   OpHandler handler, const std::string& name);
 
 // Handler names: op_<operation>_<size>_<source>_<destination>.
 const char* op_mode_token(Mode m);
@@ -370,7 +370,6 @@ template <Size... Ss, class F>
 void for_sizes(SizeList<Ss...>, F&& f) {
     (f.template operator()<Ss>(), ...);
 }
-
 
 // Registration, called by op_table_fill in table order: the returns, then
 // the mode-specialised families (ops_register), then the register loops.

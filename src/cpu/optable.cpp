@@ -81,12 +81,12 @@ std::string op_handler_name(const char* operation, Size s, Mode src, Mode dst) {
 }
 
 void op_bind(const char* picture, std::initializer_list<Field> fields, OpHandler handler,
-          const std::string& name) {
+             const std::string& name) {
     bind_fields(picture, fields.begin(), fields.size(), handler, name);
 }
 
 void op_bind_modes(const char* picture, std::initializer_list<Field> fields, unsigned modes,
-                OpHandler handler, const std::string& name) {
+                   OpHandler handler, const std::string& name) {
     for (unsigned md = 0; md < MODE_COUNT; md++) {
         if (!(modes & (1u << md))) continue;
         std::vector<Field> all(fields);
@@ -111,6 +111,8 @@ void op_table_fill() {
     for (OpHandler& h : op_table) h = op_illegal;
     for (uint16_t& n : slot_name) n = 0;
 
+    // Everything illegal, the A and F lines, the returns, the families
+    // specialised by mode, then the loops over register fields.
     op_bind("1010 xxxx xxxx xxxx", {}, op_line_a, "op_line_a");
     op_bind("1111 xxxx xxxx xxxx", {}, op_line_f, "op_line_f");
     ops_register_returns();
