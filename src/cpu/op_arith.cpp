@@ -7,11 +7,13 @@
 
 enum UnaryOp { NEG, NEGX, NOT, CLR, TST };
 
-// CLR only writes and TST only reads; the others read, modify and write.
+// TST only reads; the others read, modify and write, CLR too: the 68000
+// reads its destination before clearing it, which a read-sensitive chip
+// register notices.
 template <UnaryOp O, Size S, Mode M>
 void op_unary(Machine& m, uint16_t op) {
     if constexpr (O == CLR) {
-        store<S, M>(m, op & 7, 0);
+        modify<S, M>(m, op & 7, [](uint32_t) { return 0u; });
         m.sr = uint16_t((m.sr & ~CCR_NZVC) | SR_Z);
     } else if constexpr (O == TST) {
         logic_flags<S>(m, load<S, M>(m, op & 7));

@@ -264,11 +264,18 @@ inline void modify(Machine& m, unsigned reg, F f) {
 // illegal-instruction exception and gives address 0.
 uint32_t ea_address_of(Machine& m, uint16_t opcode, Size size, unsigned allowed);
 
-// Store to a data-alterable destination whose mode is decoded at run time.
+// Store to a data-alterable destination whose mode is decoded at run time
+// (Scc, MOVE from SR/CCR). As on the 68000, memory is read before it is
+// written, which a read-sensitive chip register notices.
 template <Size S>
 inline void store_decoded(Machine& m, uint16_t opcode, uint32_t v) {
-    if (mode_of(opcode) == Dn) set_dn<S>(m, opcode & 7, v);
-    else write_sized<S>(m, ea_address_of(m, opcode, S, MODES_DATA_ALT), v);
+    if (mode_of(opcode) == Dn) {
+        set_dn<S>(m, opcode & 7, v);
+        return;
+    }
+    uint32_t a = ea_address_of(m, opcode, S, MODES_DATA_ALT);
+    read_sized<S>(m, a);
+    write_sized<S>(m, a, v);
 }
 
 // ---- two-operand arithmetic and logic ----

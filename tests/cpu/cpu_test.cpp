@@ -6,6 +6,7 @@
 
 #include <initializer_list>
 
+#include "chipset/cia.h"
 #include "cpu/cpu.h"
 #include "test_machine.h"
 
@@ -662,6 +663,20 @@ TEST_F(Cpu, ConditionCodesOutOfRange) {
     m.sr = 0x2700;
     EXPECT_EQ(test_cc(m, 0), 1);
     EXPECT_EQ(test_cc(m, 1), 0);
+}
+
+// CLR and Scc read their destination before writing it, as the 68000 does:
+// reading a CIA's interrupt control register acknowledges what is pending.
+TEST_F(Cpu, ClearAndSetReadBeforeWriting) {
+    for (uint16_t opcode : {uint16_t(0x4239), uint16_t(0x50F9)}) {  // CLR.B abs.L, ST abs.L
+        SCOPED_TRACE(opcode);
+        SetUp();
+        cia_init(m);
+        m.cia[0].icr_data = 0x01;  // timer A underflowed
+        code({opcode, 0x00BF, 0xED01});
+        step(m);
+        EXPECT_EQ(m.cia[0].icr_data, 0);
+    }
 }
 
 TEST_F(Cpu, InstructionsRunFromAnyAddress) {
