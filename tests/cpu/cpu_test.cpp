@@ -154,40 +154,6 @@ TEST_F(Cpu, InstructionExceptions) {
     }
 }
 
-TEST_F(Cpu, ChkSetsNFromTheRegister) {
-    const struct {
-        int16_t value, bound;
-        bool traps, n;
-    } cases[] = {
-        {-1, 100, true, true}, {101, 100, true, false}, {0, 100, false, false},
-        {100, 100, false, false}, {-32768, -1, true, true}, {5, -1, true, false},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.value);
-        SetUp();
-        m.sr = 0x270F;  // N Z V C set
-        m.d[3] = 0xABCD0000 | uint16_t(c.value);
-        code({0x47BC, uint16_t(c.bound)});  // CHK.W #bound,D3
-        step(m);
-        EXPECT_EQ(vector_taken(), c.traps ? 6 : -1);
-        uint16_t flags = c.traps ? frame_sr() : m.sr;
-        EXPECT_EQ((flags & SR_N) != 0, c.n);
-        EXPECT_EQ(flags & (SR_Z | SR_V | SR_C), SR_Z | SR_V | SR_C);  // untouched
-    }
-}
-
-TEST_F(Cpu, TrapvOnlyWithV) {
-    code({0x4E76});
-    m.sr = 0x2700;
-    step(m);
-    EXPECT_EQ(m.pc, CODE + 2);
-    SetUp();
-    code({0x4E76});
-    m.sr = 0x2702;
-    step(m);
-    EXPECT_EQ(vector_taken(), 7);
-}
-
 TEST_F(Cpu, RteRestoresFrameAndSwitchesStacks) {
     // A frame as exception processing builds it, returning to user mode.
     m.a[7] = 0x7FF8;
@@ -320,15 +286,6 @@ TEST_F(Cpu, MoveFromSrAndCcr) {
     EXPECT_EQ(m.d[1], 0xFFFF0015u);
 }
 
-TEST_F(Cpu, UserStackPointerMoves) {
-    m.a[3] = 0x12340;
-    code({0x4E63, 0x4E6C});  // MOVE A3,USP; MOVE USP,A4
-    step(m);
-    EXPECT_EQ(m.usp, 0x12340u);
-    step(m);
-    EXPECT_EQ(m.a[4], 0x12340u);
-}
-
 // ---- 68010/68020 additions ----
 
 TEST_F(Cpu, BranchDisplacements) {
@@ -362,29 +319,6 @@ TEST_F(Cpu, BranchDisplacements) {
         } else {
             EXPECT_EQ(m.a[7], SUPER_STACK);
         }
-    }
-}
-
-TEST_F(Cpu, DbccCountsTheLowWord) {
-    const struct {
-        const char* what;
-        uint16_t opcode, sr;
-        uint32_t d0_before, d0_after, pc;
-    } cases[] = {
-        {"DBF falls through at -1", 0x51C8, 0, 0x00010000, 0x0001FFFF, CODE + 4},
-        {"DBF loops", 0x51C8, 0, 0x00010005, 0x00010004, CODE + 2 - 8},
-        {"DBEQ with Z set does nothing", 0x57C8, SR_Z, 0x00000005, 0x00000005, CODE + 4},
-        {"DBEQ with Z clear loops", 0x57C8, 0, 0x00000005, 0x00000004, CODE + 2 - 8},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        SetUp();
-        m.sr = uint16_t(0x2700 | c.sr);
-        m.d[0] = c.d0_before;
-        code({c.opcode, 0xFFF8});
-        step(m);
-        EXPECT_EQ(m.d[0], c.d0_after);
-        EXPECT_EQ(m.pc, c.pc);
     }
 }
 
@@ -589,10 +523,8 @@ TEST_F(Cpu, RegisterRules) {
     const Case cases[] = {
         {"MOVE.B #$FF,D0", {0x103C, 0x00FF}, 0x12345678, 0, 0, 0x123456FF, 0, SR_N},
         {"MOVE.W keeps X", {0x3001}, 0, 0x8000, SR_X | SR_V | SR_C, 0x8000, 0x8000, SR_X | SR_N},
-        {"MOVEQ #-1", {0x70FF}, 0, 0, SR_X, 0xFFFFFFFF, 0, SR_X | SR_N},
         {"DIVU.W #1,D1 overflows: V only, C kept", {0x82FC, 0x0001}, 0, 0x00010000, SR_C | SR_N,
          0, 0x00010000, SR_C | SR_N | SR_V},
-        {"DIVU.W #3,D1", {0x82FC, 0x0003}, 0, 100, SR_X | SR_C, 0, 0x00010021, SR_X},
         {"DIVS.W #-1 of $80000000 overflows", {0x83FC, 0xFFFF}, 0, 0x80000000, SR_Z,
          0, 0x80000000, SR_Z | SR_V},
         {"DIVS.W #7 of -100", {0x83FC, 0x0007}, 0, uint32_t(-100), 0, 0, 0xFFFEFFF2, SR_N},
@@ -602,10 +534,8 @@ TEST_F(Cpu, RegisterRules) {
         {"ABCD 0+0 clears Z", {0xC300}, 0, 0, SR_Z | SR_V, 0, 0, SR_V},
         {"ABCD 99+1 carries", {0xC300}, 0x01, 0x99, 0, 0x01, 0x00, SR_X | SR_C},
         {"SBCD 0-1 borrows", {0x8300}, 0x01, 0x00, 0, 0x01, 0x99, SR_X | SR_C | SR_N},
-        {"ADDX.L with X", {0xD380}, 1, 0xFFFFFFFF, SR_X | SR_Z, 1, 1, SR_X | SR_C},
         {"ADDX.B zero keeps Z", {0xD300}, 0x00, 0x00, SR_Z, 0, 0, SR_Z},
         {"ADDX.B zero can't set Z", {0xD300}, 0x00, 0x00, 0, 0, 0, 0},
-        {"NEGX.W with X", {0x4040}, 1, 0, SR_X, 0xFFFE, 0, SR_X | SR_N | SR_C},
         // Shifts: count 0 clears C (ROXL copies X), ASL sets V on any
         // change of the top bit.
         {"LSL.L D1,D0 count 0", {0xE3A8}, 0x80000000, 0, SR_C | SR_X, 0x80000000, 0, SR_X | SR_N},
@@ -639,9 +569,6 @@ TEST_F(Cpu, AddressRegisterRules) {
     } cases[] = {
         {"ADDQ.W #8,A0 acts on the long", {0x5048}, 0x0000FFFF, 0x00010007},
         {"SUBQ.W #1,A0 below zero", {0x5348}, 0, 0xFFFFFFFF},
-        {"MOVEA.W sign-extends", {0x307C, 0x8000}, 0x12345678, 0xFFFF8000},
-        {"ADDA.W sign-extends", {0xD0FC, 0xFFFF}, 0x10, 0x0F},
-        {"LEA d16(A0),A0", {0x41E8, 0xFFFE}, 0x100, 0xFE},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
@@ -677,12 +604,4 @@ TEST_F(Cpu, ClearAndSetReadBeforeWriting) {
         step(m);
         EXPECT_EQ(m.cia[0].icr_data, 0);
     }
-}
-
-TEST_F(Cpu, InstructionsRunFromAnyAddress) {
-    // Chip RAM above the CIAs and custom chips is plain memory, code too.
-    code({0x7042, 0x4E71}, 0xF80000);
-    step(m);
-    EXPECT_EQ(m.d[0], 0x42u);
-    EXPECT_EQ(m.pc, 0xF80002u);
 }
