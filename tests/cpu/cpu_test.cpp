@@ -215,8 +215,9 @@ TEST_F(Cpu, StopLoadsSrAndStops) {
 }
 
 // Writes of SR keep T1, T0, S, M, the mask and the codes ($F71F) and swap
-// the stacks when S changes.
-TEST_F(Cpu, PrivilegedSrWrites) {
+// the stacks when S changes. MOVE to CCR stores the whole low byte; the
+// CCR immediates change the five condition codes only.
+TEST_F(Cpu, StatusRegisterWrites) {
     const struct {
         const char* what;
         std::initializer_list<uint16_t> words;
@@ -226,32 +227,8 @@ TEST_F(Cpu, PrivilegedSrWrites) {
         {"ANDI #$DFFF,SR", {0x027C, 0xDFFF}, 0x271F, 0x071F},
         {"ORI #$00E0,SR", {0x007C, 0x00E0}, 0x2700, 0x2700},
         {"EORI #$2000,SR", {0x0A7C, 0x2000}, 0x2704, 0x0704},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        SetUp();
-        m.sr = c.sr_before;
-        code(c.words);
-        step(m);
-        EXPECT_EQ(m.sr, c.sr_after);
-        bool user = !(c.sr_after & SR_S);
-        EXPECT_EQ(m.a[7], user ? USER_STACK : SUPER_STACK);
-        if (user) {
-            EXPECT_EQ(m.ssp, SUPER_STACK);
-        }
-    }
-}
-
-TEST_F(Cpu, CcrWrites) {
-    const struct {
-        const char* what;
-        std::initializer_list<uint16_t> words;
-        uint16_t sr_before, sr_after;
-    } cases[] = {
-        // MOVE to CCR and RTR store the whole low byte.
         {"MOVE #$FF,CCR", {0x44FC, 0x00FF}, 0x2700, 0x27FF},
-        {"MOVE #$1234,CCR", {0x44FC, 0x1234}, 0x0000, 0x0034},
-        // The immediate forms change the five condition codes only.
+        {"MOVE #$1234,CCR", {0x44FC, 0x1234}, 0x2000, 0x2034},
         {"ORI #$FF,CCR", {0x003C, 0x00FF}, 0x2700, 0x271F},
         {"ANDI #$F1,CCR", {0x023C, 0x00F1}, 0x271F, 0x2711},
         {"EORI #$FF,CCR", {0x0A3C, 0x00FF}, 0x2705, 0x271A},
@@ -263,8 +240,14 @@ TEST_F(Cpu, CcrWrites) {
         code(c.words);
         step(m);
         EXPECT_EQ(m.sr, c.sr_after);
+        bool user = !(c.sr_after & SR_S);
+        EXPECT_EQ(m.a[7], user ? USER_STACK : SUPER_STACK);
+        EXPECT_EQ(user ? m.ssp : m.usp, user ? SUPER_STACK : USER_STACK);
     }
-    SetUp();
+}
+
+// RTR restores the whole low byte of SR, bits 7-5 too.
+TEST_F(Cpu, ReturnAndRestoreCcr) {
     m.a[7] = 0x7000;
     write16(m, 0x7000, 0xAAEE);
     write32(m, 0x7002, 0x2222);
