@@ -13,7 +13,6 @@ int not_built(const char* what) {
 }
 }  // namespace
 
-int selftest_smoke(Machine&) { return not_built("the smoke test"); }
 int paula_test(Machine&, double) { return not_built("paula-test"); }
 int cpu_paula_test(Machine&, double) { return not_built("cpu-paula-test"); }
 int paula_wav_test(Machine&, const char*, double) { return not_built("paula-wav"); }

@@ -16,6 +16,19 @@ extern OpHandler op_table[65536];
 // Fill op_table completely (every slot gets a handler).
 void op_table_fill();
 
+// What the last op_table_fill found: slots left at op_illegal, slots that a
+// registration took over from another family (none are intended), and the
+// number of distinct handlers entered.
+struct OpTableStats {
+    unsigned illegal_slots;
+    unsigned overwritten_slots;
+    unsigned handlers;
+};
+OpTableStats op_table_stats();
+
+// Name of the handler op_table holds for an opcode, e.g. "op_move_w_dn_an".
+const char* op_name(uint16_t opcode);
+
 void cpu_reset(Machine& m);
 
 inline void step(Machine& m) {
@@ -40,6 +53,11 @@ void set_sub_flags_b(Machine& m, uint32_t dst, uint32_t src, uint32_t result);
 void set_sub_flags_w(Machine& m, uint32_t dst, uint32_t src, uint32_t result);
 void set_cmp_flags_b(Machine& m, uint32_t dst, uint32_t src, uint32_t result);
 void set_cmp_flags_w(Machine& m, uint32_t dst, uint32_t src, uint32_t result);
+
+// Immediate operands; a byte takes the low half of its extension word.
+inline uint8_t fetch_imm_b(Machine& m) { return uint8_t(fetch16(m)); }
+inline uint16_t fetch_imm_w(Machine& m) { return fetch16(m); }
+inline uint32_t fetch_imm_l(Machine& m) { return fetch32(m); }
 
 uint32_t ea_an_idx(Machine& m, int reg);
 uint32_t ea_pc_idx(Machine& m);
