@@ -94,4 +94,3 @@ void cpu_memory_copy(benchmark::State& state) { run(state, COPY); }
 BENCHMARK(cpu_mix);
 BENCHMARK(cpu_dispatch_nops);
 BENCHMARK(cpu_memory_copy);
-BENCHMARK_MAIN();
