@@ -15,6 +15,9 @@ constexpr uint32_t RUN_OUT_OF_RANGE = 0xFFFFFFFE;  // PC left the code regions
 
 uint32_t deli_call(Machine& m, uint32_t routine);
 uint32_t deli_run_handler(Machine& m, uint32_t node);
+// Runs the interrupt-server nodes that cia_advance queued, in queue order,
+// and empties the queue.
+void cia_run_pending(Machine& m);
 
 // Process-wide trace settings (set by trace-pc).
 extern uint32_t trace_break_pc;

@@ -1,0 +1,16 @@
+| The runtime check as a player: InitPlayer runs it; entry+16 and entry+20
+| point at the results and the buffer (arith.c).
+	.include "deliplayer.i"
+
+	.section .text.entry,"ax"
+	PLAYER_HEADER tags
+	dc.l	arith_results, arith_buffer
+
+tags:
+	dc.l	DTP_InitPlayer, init
+	dc.l	0
+
+init:
+	jsr	arith_run
+	moveq	#0,d0
+	rts
