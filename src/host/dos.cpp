@@ -42,6 +42,23 @@ bool equal_nocase(const std::string& a, const char* b) {
     return true;
 }
 
+// The first entry of the directory whose name equals `file` with ASCII
+// letters folded. The file system's own spelling of a name may not convert
+// to a narrow string (on Windows it is UTF-16, where the conversion can
+// throw); the search then ends without a match rather than the program.
+bool find_nocase(const std::string& dir, const std::string& file, std::string& entry) {
+    try {
+        std::error_code ec;
+        for (std::filesystem::directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec)) {
+            entry = it->path().filename().string();
+            if (equal_nocase(entry, file.c_str())) return true;
+        }
+    } catch (const std::exception&) {
+        return false;
+    }
+    return false;
+}
+
 FILE* open_resolved(const char* amiga_name) {
     char path[HOST_PATH_MAX];
     host_resolve_path(amiga_name, path);
@@ -130,15 +147,10 @@ void host_resolve_path(const char* amiga_path, char* out) {
     size_t slash = full.rfind('/');
     std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : full.substr(0, slash);
     std::string file = slash == std::string::npos ? full : full.substr(slash + 1);
-    std::error_code ec;
-    std::filesystem::directory_iterator it(dir, ec), end;
-    for (; !ec && it != end; it.increment(ec)) {
-        std::string entry = it->path().filename().string();
-        if (!equal_nocase(entry, file.c_str())) continue;
-        if (slash == std::string::npos) std::snprintf(out, HOST_PATH_MAX, "%s", entry.c_str());
-        else std::snprintf(out, HOST_PATH_MAX, "%.*s/%s", int(slash), full.c_str(), entry.c_str());
-        return;
-    }
+    std::string entry;
+    if (!find_nocase(dir, file, entry)) return;
+    if (slash == std::string::npos) std::snprintf(out, HOST_PATH_MAX, "%s", entry.c_str());
+    else std::snprintf(out, HOST_PATH_MAX, "%.*s/%s", int(slash), full.c_str(), entry.c_str());
 }
 
 void dos_dispatch(Machine& m, int op) {
