@@ -12,6 +12,8 @@
 #include <filesystem>
 #include <string>
 
+#include <sys/stat.h>
+
 #include "cli/config.h"
 #include "cpu/bus.h"
 #include "host/deli.h"
@@ -59,10 +61,18 @@ bool find_nocase(const std::string& dir, const std::string& file, std::string& e
     return false;
 }
 
+// A directory is no file to a player; POSIX fopen would take one anyway
+// (and Windows would not).
+FILE* open_file(const char* path) {
+    struct stat st;
+    if (stat(path, &st) == 0 && S_ISDIR(st.st_mode)) return nullptr;
+    return std::fopen(path, "rb");
+}
+
 FILE* open_resolved(const char* amiga_name) {
     char path[HOST_PATH_MAX];
     host_resolve_path(amiga_name, path);
-    return std::fopen(path, "rb");
+    return open_file(path);
 }
 
 // The open file behind a player's handle 1..8, or null.
@@ -138,7 +148,7 @@ void host_resolve_path(const char* amiga_path, char* out) {
     } else {
         std::snprintf(out, HOST_PATH_MAX, "%s", amiga_path);
     }
-    if (FILE* f = std::fopen(out, "rb")) {
+    if (FILE* f = open_file(out)) {
         std::fclose(f);
         return;
     }
@@ -191,7 +201,7 @@ void dos_load_seg(Machine& m) {
     char name[SHORT_NAME_MAX + 1];
     read_name(m, m.d[1], name, SHORT_NAME_MAX);
     m.d[0] = 0;
-    FILE* f = std::fopen(name, "rb");
+    FILE* f = open_file(name);
     if (!f) return;
     uint32_t len = 0;
     uint8_t* data = read_whole(f, len);

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "chipset/cia.h"
 #include "chipset/custom.h"
 #include "cpu/cpu.h"
 #include "host/deli.h"
@@ -130,7 +131,7 @@ void get_list_data(Machine& m) {
 void set_timer(Machine& m) {
     uint16_t timer = read16(m, DELI_TIMER);
     if (timer == 0) return;
-    double frames = (double(timer) + 1.0) * m.output_rate / 709379.0;  // CIA E clock
+    double frames = (double(timer) + 1.0) * m.output_rate / CIA_ECLOCK_PAL;
     if (frames < 1.0) frames = 1.0;
     m.interrupt_period = int32_t(frames + 0.5);
 }

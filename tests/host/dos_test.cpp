@@ -134,7 +134,9 @@ TEST_F(DosTest, LockTellsWhetherAFileOpens) {
         std::string name;
         uint32_t want;
     };
-    const Case cases[] = {{name, 1}, {tmp.name("L"), 1}, {tmp.name("missing"), 0}, {"", 0}};
+    tmp.file("sub/x", {});
+    const Case cases[] = {{name, 1}, {tmp.name("L"), 1}, {tmp.name("missing"), 0}, {"", 0},
+                          {tmp.name("sub"), 0}};  // a directory is no file
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         Seen s = dos(LOCK, name_arg(c.name));
@@ -142,6 +144,7 @@ TEST_F(DosTest, LockTellsWhetherAFileOpens) {
         EXPECT_EQ(s.ccr, tst_flags(c.want, SR_X));
     }
     EXPECT_EQ(dos(UNLOCK, 1).d0, 0u);
+    EXPECT_EQ(open(tmp.name("sub")), 0u);
     EXPECT_EQ(open(name), 1u);  // Lock left every handle free
 }
 
@@ -239,6 +242,7 @@ TEST_F(DosTest, CompanionFailures) {
     const Case cases[] = {
         {"missing", MODULE_LEN, missing, "deli_load_companion: cannot open '" + missing + "'\n", 1},
         {"empty", MODULE_LEN, empty, "", 1},
+        {"a directory", MODULE_LEN, tmp.name(""), "deli_load_companion: cannot open '" + tmp.name("") + "'\n", 1},
         {"one byte too many", near_end, five,
          "deli_load_companion: '" + five + "' (5 bytes) overflows chip RAM\n", 1},
         {"up to the end", near_end, four, "", 0},
@@ -329,6 +333,17 @@ TEST_F(DosTest, HostileNamesAndLengths) {
     const std::string cut(1023, 'a');
     EXPECT_EQ(stderr_of([&] { call(P_FPTR, {.d7 = 1}); }),
               "deli_load_companion: cannot open '" + cut + "'\n");
+
+#ifndef _WIN32  // paths there end at 260 characters
+    // Names are read up to 511 characters: one of exactly that length
+    // opens, whatever follows it in memory.
+    std::string relative;
+    size_t rest = 511 - tmp.name("").size();
+    for (; rest > 101; rest -= 101) relative += std::string(100, 'd') + "/";
+    const std::string longest = tmp.file(relative + std::string(rest, 'f'), {1});
+    ASSERT_EQ(longest.size(), 511u);
+    EXPECT_NE(open(longest + "zzz"), 0u);
+#endif
 
     std::vector<uint8_t> bytes;
     for (uint8_t b = 0x10; b < 0x20; b++) bytes.push_back(b);

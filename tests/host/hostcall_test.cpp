@@ -491,12 +491,14 @@ TEST_F(ProbeTest, InstalledHandlersRunAsTheEngineAdvances) {
 
 TEST_F(ProbeTest, OptionHandOver) {
     std::strcpy(m.epopt, "type:pt30");
+    write16(m, state + ST_OPT_FLAGS, 0xEEEE);
+    write8(m, state + ST_OPT_VALUE2, 0xEE);
     Seen s = call(P_OPTIONS, {.ccr = ALL});
     EXPECT_EQ(s.d0, 0u);
     EXPECT_EQ(read8(m, state + ST_OPT_FLAGS), 1);
     EXPECT_EQ(read8(m, state + ST_OPT_FLAGS + 1), 0);
     EXPECT_EQ(get_string(m, state + ST_OPT_VALUE1), "pt30");
-    EXPECT_EQ(get_string(m, state + ST_OPT_VALUE2), "");
+    EXPECT_EQ(read8(m, state + ST_OPT_VALUE2), 0xEE);
 
     // One entry per case: count, name, flag byte, value buffer.
     constexpr uint32_t block = SCRATCH, name = SCRATCH + 0x100, flag = SCRATCH + 0x200,
