@@ -12,6 +12,8 @@
 #include <filesystem>
 #include <string>
 
+#include <sys/stat.h>
+
 #include "cli/config.h"
 #include "cpu/bus.h"
 #include "host/deli.h"
@@ -42,10 +44,35 @@ bool equal_nocase(const std::string& a, const char* b) {
     return true;
 }
 
+// The first entry of the directory whose name equals `file` with ASCII
+// letters folded. The file system's own spelling of a name may not convert
+// to a narrow string (on Windows it is UTF-16, where the conversion can
+// throw); the search then ends without a match rather than the program.
+bool find_nocase(const std::string& dir, const std::string& file, std::string& entry) {
+    try {
+        std::error_code ec;
+        for (std::filesystem::directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec)) {
+            entry = it->path().filename().string();
+            if (equal_nocase(entry, file.c_str())) return true;
+        }
+    } catch (const std::exception&) {
+        return false;
+    }
+    return false;
+}
+
+// A directory is no file to a player; POSIX fopen would take one anyway
+// (and Windows would not).
+FILE* open_file(const char* path) {
+    struct stat st;
+    if (stat(path, &st) == 0 && S_ISDIR(st.st_mode)) return nullptr;
+    return std::fopen(path, "rb");
+}
+
 FILE* open_resolved(const char* amiga_name) {
     char path[HOST_PATH_MAX];
     host_resolve_path(amiga_name, path);
-    return std::fopen(path, "rb");
+    return open_file(path);
 }
 
 // The open file behind a player's handle 1..8, or null.
@@ -121,7 +148,7 @@ void host_resolve_path(const char* amiga_path, char* out) {
     } else {
         std::snprintf(out, HOST_PATH_MAX, "%s", amiga_path);
     }
-    if (FILE* f = std::fopen(out, "rb")) {
+    if (FILE* f = open_file(out)) {
         std::fclose(f);
         return;
     }
@@ -130,15 +157,10 @@ void host_resolve_path(const char* amiga_path, char* out) {
     size_t slash = full.rfind('/');
     std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : full.substr(0, slash);
     std::string file = slash == std::string::npos ? full : full.substr(slash + 1);
-    std::error_code ec;
-    std::filesystem::directory_iterator it(dir, ec), end;
-    for (; !ec && it != end; it.increment(ec)) {
-        std::string entry = it->path().filename().string();
-        if (!equal_nocase(entry, file.c_str())) continue;
-        if (slash == std::string::npos) std::snprintf(out, HOST_PATH_MAX, "%s", entry.c_str());
-        else std::snprintf(out, HOST_PATH_MAX, "%.*s/%s", int(slash), full.c_str(), entry.c_str());
-        return;
-    }
+    std::string entry;
+    if (!find_nocase(dir, file, entry)) return;
+    if (slash == std::string::npos) std::snprintf(out, HOST_PATH_MAX, "%s", entry.c_str());
+    else std::snprintf(out, HOST_PATH_MAX, "%.*s/%s", int(slash), full.c_str(), entry.c_str());
 }
 
 void dos_dispatch(Machine& m, int op) {
@@ -179,7 +201,7 @@ void dos_load_seg(Machine& m) {
     char name[SHORT_NAME_MAX + 1];
     read_name(m, m.d[1], name, SHORT_NAME_MAX);
     m.d[0] = 0;
-    FILE* f = std::fopen(name, "rb");
+    FILE* f = open_file(name);
     if (!f) return;
     uint32_t len = 0;
     uint8_t* data = read_whole(f, len);

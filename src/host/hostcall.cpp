@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "chipset/cia.h"
 #include "chipset/custom.h"
 #include "cpu/cpu.h"
 #include "host/deli.h"
@@ -130,7 +131,7 @@ void get_list_data(Machine& m) {
 void set_timer(Machine& m) {
     uint16_t timer = read16(m, DELI_TIMER);
     if (timer == 0) return;
-    double frames = (double(timer) + 1.0) * m.output_rate / 709379.0;  // CIA E clock
+    double frames = (double(timer) + 1.0) * m.output_rate / CIA_ECLOCK_PAL;
     if (frames < 1.0) frames = 1.0;
     m.interrupt_period = int32_t(frames + 0.5);
 }
@@ -151,16 +152,20 @@ bool ends_with_nocase(const char* s, size_t len, const char* suffix) {
 }
 
 // Cut a packer suffix from the path buffer, so that the player can look
-// for companion files by the module's own name.
+// for companion files by the module's own name. CopyString appends without
+// a limit, so the path is followed to its end wherever that lies.
 void cut_suffix(Machine& m) {
     uint32_t path = read32(m, DELI_PATH_PTR);
-    char name[1024];
-    size_t len = 0;
-    while (len < sizeof name - 1 && (name[len] = char(read8(m, path + uint32_t(len)))) != 0) len++;
-    size_t cut = 0;
-    if (len > 3 && ends_with_nocase(name, len, ".xpk")) cut = 4;
-    else if (len >= 3 && ends_with_nocase(name, len, ".pp")) cut = 3;
-    if (cut) write8(m, path + uint32_t(len - cut), 0);
+    uint32_t len = 0;
+    while (len < CHIP_RAM_SIZE && read8(m, path + len) != 0) len++;
+    if (len == CHIP_RAM_SIZE) return;  // a string without an end has no suffix
+    char tail[4];
+    uint32_t n = len < 4 ? len : 4;
+    for (uint32_t i = 0; i < n; i++) tail[i] = char(read8(m, path + len - n + i));
+    uint32_t cut = 0;
+    if (len > 3 && ends_with_nocase(tail, n, ".xpk")) cut = 4;
+    else if (len >= 3 && ends_with_nocase(tail, n, ".pp")) cut = 3;
+    if (cut) write8(m, path + len - cut, 0);
 }
 
 // The pattern-scanning DMAMask entry: only its parameter checks are served.

@@ -8,7 +8,8 @@ orvel_add_amiga_program(NAME test_player SOURCES ${amiga}/player.s ${amiga}/play
                         INCLUDES ${amiga_inc})
 orvel_add_amiga_program(NAME test_arith SOURCES ${amiga}/arith_player.s ${amiga}/arith.c
                         INCLUDES ${amiga_inc})
-orvel_use_amiga_programs(test_host test_reloc test_player test_arith skeleton)
+orvel_add_amiga_program(NAME test_probe SOURCES ${amiga}/probe.S INCLUDES ${amiga_inc})
+orvel_use_amiga_programs(test_host test_reloc test_player test_arith test_probe skeleton)
 
 target_sources(test_host PRIVATE ${CMAKE_SOURCE_DIR}/tools/elf2hunk.cpp)
 target_include_directories(test_host PRIVATE ${CMAKE_SOURCE_DIR}/tools)
