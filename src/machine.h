@@ -80,6 +80,10 @@ struct Machine {
     uint32_t file_list_top;
     uint32_t module_addr;
     uint32_t module_len;
+    // Work a host call did on the player's behalf (bytes walked or copied),
+    // charged to the routine's instruction budget so that no loop of host
+    // calls can run for ever.
+    uint32_t host_cost;
 
     // ---- playback engine and configuration ----
     uint32_t output_rate;

@@ -312,13 +312,14 @@ uint32_t orvel_load_player_mem(Machine& m, const uint8_t* data, uint32_t size) {
 void deli_str_append(Machine& m, uint32_t destination, uint32_t source) {
     // Memory wraps at 16 MiB, so neither walk needs more steps than that; the
     // bound only matters for strings that never end or that feed themselves.
-    uint32_t d = destination;
-    for (uint32_t k = 0; k < CHIP_RAM_SIZE && read8(m, d) != 0; k++) d++;
-    for (uint32_t k = 0; k < CHIP_RAM_SIZE; k++) {
+    uint32_t d = destination, k = 0;
+    for (uint32_t n = 0; n < CHIP_RAM_SIZE && read8(m, d) != 0; n++) d++;
+    for (; k < CHIP_RAM_SIZE; k++) {
         uint8_t c = read8(m, source + k);
         write8(m, d + k, c);
         if (c == 0) break;
     }
+    m.host_cost += (d - destination) + k;
 }
 
 const char* deli_neg_name(int offset) {

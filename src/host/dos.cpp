@@ -103,6 +103,7 @@ void dos_read(Machine& m, FILE* f) {
         write8(m, m.d[2] + got, uint8_t(c));
         got++;
     }
+    m.host_cost += got;
     m.d[0] = got;
 }
 

@@ -158,6 +158,7 @@ void cut_suffix(Machine& m) {
     uint32_t path = read32(m, DELI_PATH_PTR);
     uint32_t len = 0;
     while (len < CHIP_RAM_SIZE && read8(m, path + len) != 0) len++;
+    m.host_cost += len;
     if (len == CHIP_RAM_SIZE) return;  // a string without an end has no suffix
     char tail[4];
     uint32_t n = len < 4 ? len : 4;

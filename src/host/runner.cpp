@@ -6,6 +6,7 @@
 #include "host/runner.h"
 
 #include <array>
+#include <algorithm>
 #include <cstdio>
 
 #include "cpu/cpu.h"
@@ -103,7 +104,9 @@ uint32_t run_loop(Machine& m, uint32_t routine) {
                          unsigned(m.fault), m.pc, routine);
             return RUN_FAILED;
         }
-        if (++count == RUNNER_BUDGET) {
+        count += 1 + std::min(m.host_cost, RUNNER_BUDGET);
+        m.host_cost = 0;
+        if (count >= RUNNER_BUDGET) {
             std::fprintf(stderr, "deli_call: cycle budget exhausted (routine=%08x last PC=%08x)\n",
                          routine, m.pc);
             return RUN_FAILED;

@@ -198,6 +198,20 @@ TEST_F(RunnerTest, BudgetEndsAnEndlessLoop) {
     EXPECT_EQ(err, "deli_call: cycle budget exhausted (routine=00200000 last PC=00200002)\n");
 }
 
+// Host calls do work on the player's behalf; it counts against the budget,
+// so a loop of costly calls ends as soon as a loop of instructions would.
+TEST_F(RunnerTest, HostWorkCountsAgainstTheBudget) {
+    constexpr uint16_t CUT_SUFFIX = 0xA40A;  // DeliTracker function 10
+    constexpr uint32_t path = 0x400000, length = 1 << 20;
+    write32(m, DELI_BASE + 0x20, path);
+    std::fill(m.chip_ram + path, m.chip_ram + path + length, uint8_t('a'));
+    put_words(m, 0x200000, {CUT_SUFFIX, BRA_SELF - 2});  // bra.s back to the call
+    std::string err;
+    EXPECT_EQ(call(0x200000, &err), RUN_FAILED);
+    EXPECT_EQ(err.rfind("deli_call: cycle budget exhausted", 0), 0u) << err;
+    EXPECT_EQ(m.host_cost, 0u);
+}
+
 TEST_F(RunnerTest, BusFaultEndsTheCall) {
     put_words(m, 0x200000, {NOP, MOVE_W_ABS_L_D0, 0x00FF, 0xFFFF, RTS});
     std::string err;
