@@ -23,6 +23,8 @@ if(ORVEL_HAVE_M68K)
   orvel_add_amiga_program(NAME diag_player SOURCES ${diag_amiga}/diag_player.s
                           INCLUDES ${CMAKE_SOURCE_DIR}/players/include)
   orvel_add_amiga_program(NAME not_player SOURCES ${diag_amiga}/not_player.s)
+  orvel_add_amiga_program(NAME long_tags SOURCES ${diag_amiga}/long_tags.s
+                          INCLUDES ${CMAKE_SOURCE_DIR}/players/include)
   file(WRITE ${diag_dir}/empty "")
   file(WRITE ${diag_dir}/short.mod "BAD\n")  # refused by Check2 and InitPlayer
 
@@ -41,6 +43,8 @@ if(ORVEL_HAVE_M68K)
   diag_test(load - load diag_player)
   diag_test(ep_info - ep-info diag_player)
   diag_test(ep_info_not_player - ep-info not_player)
+  diag_test(ep_info_256_pairs "  80000100 \\['\\.\\.'\\] +00000100\n  end\n$"
+            ep-info long_tags)
   diag_test(dump - dump diag_player 0x200000)
   diag_test(disasm - disasm diag_player 0x200086 14)
   diag_test(callers - callers diag_player 0x2000d6)
