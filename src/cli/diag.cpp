@@ -6,7 +6,8 @@
 //   replay code in InitSound. A failed start is reported, but the command
 //   goes on: what the routines left in chip RAM is worth seeing all the same.
 // - trace-pc without from=/to= logs every executed instruction (no window),
-//   up to max= lines.
+//   up to max= lines; from= alone opens the window up to the top of the
+//   address space, rather than being ignored for want of an end.
 // - ep-info prints at most 60 characters of a text a tag points at, stopping
 //   at the first byte that is not printable, and marks a cut text with "...".
 #include "cli/diag.h"
@@ -264,7 +265,8 @@ int diag_disasm_chip(Machine& m, const char* player, const char* module, uint32_
 
 int diag_trace_pc(Machine& m, const char* player, const char* module, char** options,
                   int option_count) {
-    uint64_t brk = 0, from = 0, to = 0, max = 2000000;
+    constexpr uint64_t NO_END = ~uint64_t(0);
+    uint64_t brk = 0, from = 0, to = NO_END, max = 2000000;
     for (int i = 0; i < option_count; i++) {
         const char* o = options[i];
         if (!parse_option(o, "break=", brk) && !parse_option(o, "from=", from) &&
@@ -273,6 +275,7 @@ int diag_trace_pc(Machine& m, const char* player, const char* module, char** opt
             return 1;
         }
     }
+    if (to == NO_END) to = from ? 0xFFFFFFFF : 0;
     uint32_t entry = prepare_player(m, player, module);
     if (!entry) return 1;
     std::printf("trace-pc: player entry=%08x  module @%08x (%u bytes)\n", entry, m.module_addr,

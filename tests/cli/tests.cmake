@@ -62,6 +62,8 @@ if(ORVEL_HAVE_M68K)
   # trace-pc: the whole start sequence, then break, window and max.
   diag_test(trace_pc - trace-pc diag_player ${mod})
   diag_test(trace_pc_max - trace-pc diag_player ${mod} max=3)
+  # from= alone: the window reaches the top (the AllocMem stub and the copy).
+  diag_test(trace_pc_from - trace-pc diag_player ${mod} from=0x400000)
   diag_test(trace_pc_unlimited "max=0\n.*\ntrace-pc: 37 instructions logged\n$"
             trace-pc diag_player ${mod} max=0)
   orvel_exe_test(cli_diag_trace_pc_break ARGS trace-pc diag_player ${mod} from=0x2000ba
