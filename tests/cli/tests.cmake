@@ -11,8 +11,8 @@ orvel_exe_test(cli_smoke_tests EXIT 0 STDOUT ${CMAKE_CURRENT_SOURCE_DIR}/cli/dat
 
 
 # The diagnostic commands on players built here from assembly (fixed
-# addresses: init_player 2000086, init_sound 20000ba, callee 20000d6, the
-# 0x61FE word 20000fc), run where the programs lie so that paths in the
+# addresses: init_player 0x200086, init_sound 0x2000ba, callee 0x2000d6, the
+# 0x61FE word 0x2000fc), run where the programs lie so that paths in the
 # output stay short. Golden files for long output, anchored regexes for short.
 if(ORVEL_HAVE_M68K)
   set(diag_amiga ${CMAKE_CURRENT_SOURCE_DIR}/cli/amiga)
