@@ -3,9 +3,11 @@
 // Choices made here:
 // - disasm-chip and trace-pc run the whole start sequence (Check2 through
 //   EP_Voices), not only InitPlayer: many players unpack or install their
-//   replay code in InitSound.
+//   replay code in InitSound. A failed start is reported, but the command
+//   goes on: what the routines left in chip RAM is worth seeing all the same.
 // - trace-pc without from=/to= logs every executed instruction (no window),
-//   up to max= lines.
+//   up to max= lines; from= alone opens the window up to the top of the
+//   address space, rather than being ignored for want of an end.
 // - ep-info prints at most 60 characters of a text a tag points at, stopping
 //   at the first byte that is not printable, and marks a cut text with "...".
 #include "cli/diag.h"
@@ -17,6 +19,7 @@
 #include "cli/config.h"
 #include "cpu/bus.h"
 #include "disasm/disasm.h"
+#include "formats/epconf.h"
 #include "formats/loadfile.h"
 #include "host/deli.h"
 #include "host/hunk.h"
@@ -94,22 +97,31 @@ uint32_t load_for_scan(Machine& m, const char* path) {
     return load_player(m, path, PLAYER_LOAD_ADDR);
 }
 
-// The play path up to a started player: reset, settings, player with its
-// tags, module. Returns the player's entry, or 0.
-uint32_t prepare_started(Machine& m, const char* player, const char* module) {
+// The play path up to the start: reset, settings, player with its tags,
+// module. The player options are resolved before the player is installed,
+// as the play commands do, since its Config routine may ask for them.
+// Returns the player's entry, or 0 (the loaders have said why).
+uint32_t prepare_player(Machine& m, const char* player, const char* module) {
     orvel_reset(m);
     config_load(m);
-    uint32_t len = 0;
-    uint8_t* image = load_file(player, len);
+    uint32_t player_len = 0, module_len = 0;
+    uint8_t* image = load_file(player, player_len);
     if (!image) return 0;
-    uint32_t entry = orvel_load_player_mem(m, image, len);
+    uint8_t* data = load_file(module, module_len);
+    uint32_t entry = 0;
+    if (data) {
+        epconf_resolve_epopt(m, player, module, data, module_len);
+        entry = orvel_load_player_mem(m, image, player_len);
+        if (entry && orvel_load_module_mem(m, data, module_len, player, module) != 0) entry = 0;
+    }
     std::free(image);
-    if (!entry) return 0;
-    uint8_t* data = load_file(module, len);
-    if (!data) return 0;
-    int rc = orvel_load_module_mem(m, data, len, player, module);
     std::free(data);
-    return rc == 0 ? entry : 0;
+    return entry;
+}
+
+void start_player(Machine& m, const char* command) {
+    if (orvel_start_playback(m) != 0)
+        std::fprintf(stderr, "%s: module not recognised and init failed\n", command);
 }
 
 void print_text_at(Machine& m, uint32_t address) {
@@ -242,9 +254,9 @@ int diag_callers(Machine& m, const char* player, uint32_t target) {
 
 int diag_disasm_chip(Machine& m, const char* player, const char* module, uint32_t address,
                      uint32_t ninsns) {
-    uint32_t entry = prepare_started(m, player, module);
+    uint32_t entry = prepare_player(m, player, module);
     if (!entry) return 1;
-    orvel_start_playback(m);
+    start_player(m, "disasm-chip");
     std::printf("player entry=%08x  module @%08x (%u bytes)  disassembling %u instructions from %08x\n",
                 entry, m.module_addr, m.module_len, ninsns, address);
     disasm_print(m, address, ninsns);
@@ -253,7 +265,8 @@ int diag_disasm_chip(Machine& m, const char* player, const char* module, uint32_
 
 int diag_trace_pc(Machine& m, const char* player, const char* module, char** options,
                   int option_count) {
-    uint64_t brk = 0, from = 0, to = 0, max = 2000000;
+    constexpr uint64_t NO_END = ~uint64_t(0);
+    uint64_t brk = 0, from = 0, to = NO_END, max = 2000000;
     for (int i = 0; i < option_count; i++) {
         const char* o = options[i];
         if (!parse_option(o, "break=", brk) && !parse_option(o, "from=", from) &&
@@ -262,7 +275,8 @@ int diag_trace_pc(Machine& m, const char* player, const char* module, char** opt
             return 1;
         }
     }
-    uint32_t entry = prepare_started(m, player, module);
+    if (to == NO_END) to = from ? 0xFFFFFFFF : 0;
+    uint32_t entry = prepare_player(m, player, module);
     if (!entry) return 1;
     std::printf("trace-pc: player entry=%08x  module @%08x (%u bytes)\n", entry, m.module_addr,
                 m.module_len);
@@ -276,7 +290,7 @@ int diag_trace_pc(Machine& m, const char* player, const char* module, char** opt
     trace_log = true;
     trace_logged = 0;
     trace_break_hit = false;
-    orvel_start_playback(m);
+    start_player(m, "trace-pc");
     trace_log = false;
     trace_break_pc = 0;
     std::printf("trace-pc: %llu instructions logged%s\n", (unsigned long long)trace_logged,

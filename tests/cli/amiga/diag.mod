@@ -1,0 +1,1 @@
+DIAG module for the diagnostic tests
