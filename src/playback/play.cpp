@@ -3,6 +3,7 @@
 // pull frames in real time or render everything to a WAV file.
 #include "playback/play.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -83,6 +84,14 @@ void play_print_string(Machine& m, uint32_t address) {
     }
 }
 
+void play_sleep(double seconds) {
+    for (double ms = std::trunc(seconds * 1000.0); ms > 0.0;) {
+        double piece = std::min(ms, 1000.0);
+        std::this_thread::sleep_for(std::chrono::milliseconds(int64_t(piece)));
+        ms -= piece;
+    }
+}
+
 int play_mode(Machine& m, const char* player, const char* module, double seconds) {
     Prepared p;
     if (int rc = prepare(m, player, module, "play", stdout, p)) {
@@ -111,12 +120,12 @@ int play_mode(Machine& m, const char* player, const char* module, double seconds
     }
     if (audio_open(m.audio_latency, play_mode_cb, &m) != 0) return 1;
     if (seconds >= 0.0) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(int64_t(seconds * 1000.0)));
+        play_sleep(seconds);
         audio_close();
         orvel_stop_playback(m);
         return 0;
     }
-    for (;;) std::this_thread::sleep_for(std::chrono::milliseconds(1000));
+    for (;;) play_sleep(1.0);
 }
 
 int play_wav_mode(Machine& m, const char* player, const char* module, const char* out_path,
