@@ -157,7 +157,7 @@ $")
     STDERR_REGEX "^format: [^\n]*\n${entries}play_wav_mode: module addr=00010000 size=13\nplay_wav_mode: module not recognised and init failed. aborting\n$")
 
   # trace: the register writes as they happen (the first by the host's
-  # reset), through the CPU and through the PokePer slot; no WAV is written.
+  # reset), through the CPU and through the PokePer slot, rendered to /dev/null.
   e2e_test(trace ARGS trace ${quartet} song.4vox 0.05 EXIT 0 STDOUT_REGEX "^$"
     STDERR_REGEX "^\\[trace\\] pc=00000000 DMACON 0000 -> 0200
 format: [^\n]*\n${entries}${installed}\\[trace\\] pc=${h8} AUD0LC = ${h8}
@@ -190,6 +190,9 @@ $"
     STDERR_REGEX "^play: song\\.4vox -> [^\n]*orvel_data/players/quartet
 (alsa_open: snd_pcm_open\\(default\\) failed: [^\n]*|wasapi_open: GetDefaultAudioEndpoint hr=0x80070490)
 $")
+  e2e_test(play_not_recognised ARGS play ${quartet} garbage.4vox EXIT 1 ENV HOME=${nodevice_home}
+    STDOUT_REGEX "module loaded: 13 bytes at 00010000\n$"
+    STDERR_REGEX "^module not recognised and init failed. aborting\n$")
   # With a device, what reaches it is the WAV render, frame for frame.
   orvel_audio_capture_test(playback_play_capture
     PLAY ${CMAKE_CROSSCOMPILING_EMULATOR} ${e2e_exe} play ${quartet} ${e2e}/song.4vox 2
