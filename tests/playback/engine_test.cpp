@@ -1,6 +1,6 @@
 // The playback engine driving a player built from our own source
-// (amiga/probe.s): the order of the start and stop routines, the one way a
-// start fails, and above all timing. Every timed routine of the probe ends
+// (amiga/engine_probe.s): the order of the start and stop routines, the one
+// way a start fails, and above all timing. Every timed routine of the probe ends
 // in SongEnd, which records `frames_rendered` at the call; clearing the
 // count before each render call shows which calls ran inside it and the
 // frame of the first. The expected frames come from the hardware periods,
@@ -25,7 +25,7 @@
 
 namespace {
 
-// The probe's module: its configuration (probe.s).
+// The probe's module: its configuration (engine_probe.s).
 enum Flag : uint32_t { VBLANK = 1, CIA = 2, TONE = 4, AUDIRQ = 8, SETTIMER = 16 };
 struct Config {
     uint32_t flags = TONE;
@@ -78,7 +78,7 @@ std::vector<uint64_t> multiples(double period, uint64_t first_k, uint64_t limit)
 }  // namespace
 
 TEST(Engine, StartAndStopCallTheRoutinesInOrder) {
-    AMIGA_PROGRAM(player, ORVEL_AMIGA_TEST_PROBE);
+    AMIGA_PROGRAM(player, ORVEL_AMIGA_TEST_ENGINE_PROBE);
     Probe p;
     Config c;
     c.subsongs = 0x00070003;  // lowest subsong 3, highest 7
@@ -103,7 +103,7 @@ TEST(Engine, StartAndStopCallTheRoutinesInOrder) {
 }
 
 TEST(Engine, StartFailsOnlyWhenCheck2AndInitPlayerBothFail) {
-    AMIGA_PROGRAM(player, ORVEL_AMIGA_TEST_PROBE);
+    AMIGA_PROGRAM(player, ORVEL_AMIGA_TEST_ENGINE_PROBE);
     struct Case {
         const char* name;
         bool has_check2;
@@ -139,7 +139,7 @@ TEST(Engine, StartFailsOnlyWhenCheck2AndInitPlayerBothFail) {
 // [s, e) of the call; a handler run after a step (servers, CIA, audio)
 // belongs to (s, e], the step that ends at its frame.
 TEST(Engine, TimedRoutinesRunAtTheirFramesWhateverTheCallSizes) {
-    AMIGA_PROGRAM(player, ORVEL_AMIGA_TEST_PROBE);
+    AMIGA_PROGRAM(player, ORVEL_AMIGA_TEST_ENGINE_PROBE);
     constexpr uint64_t TOTAL = 5000;
     constexpr uint32_t LATCH = 14135;  // CIA-B timer A: about 956.5 frames
     constexpr uint32_t TIMER = 7093;   // SetTimer: 480 frames
@@ -205,7 +205,7 @@ TEST(Engine, TimedRoutinesRunAtTheirFramesWhateverTheCallSizes) {
 }
 
 TEST(Engine, SeparationNarrowsTheStereoImage) {
-    AMIGA_PROGRAM(player, ORVEL_AMIGA_TEST_PROBE);
+    AMIGA_PROGRAM(player, ORVEL_AMIGA_TEST_ENGINE_PROBE);
     constexpr uint32_t FRAMES = 3000;
     auto render = [&](float separation) {
         Probe p;

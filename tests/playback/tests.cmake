@@ -1,9 +1,9 @@
 # Players built from our own source for the engine's tests and the
 # end-to-end tests of the play commands.
 set(playback_amiga ${CMAKE_CURRENT_SOURCE_DIR}/playback/amiga)
-orvel_add_amiga_program(NAME test_probe SOURCES ${playback_amiga}/probe.s
+orvel_add_amiga_program(NAME test_engine_probe SOURCES ${playback_amiga}/engine_probe.s
                         INCLUDES ${CMAKE_SOURCE_DIR}/players/include)
-orvel_use_amiga_programs(test_playback test_probe)
+orvel_use_amiga_programs(test_playback test_engine_probe)
 
 # Real-time output, end to end. Each test runs with HOME pointing at its own
 # directory whose .asoundrc sets ALSA's default PCM: natively, and under wine,
