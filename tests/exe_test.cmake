@@ -1,13 +1,18 @@
 # orvel_exe_test(name ARGS ... [EXIT n] [STDOUT file] [STDERR file]
-#                [STDOUT_REGEX re] [STDERR_REGEX re] [WORKDIR dir] [ENV K=V ...])
+#                [STDOUT_REGEX re] [STDERR_REGEX re] [WORKDIR dir] [ENV K=V ...]
+#                [EXE path])
 # Runs the real executable (through the cross-compiling emulator when there
-# is one) and checks its exit status and output with run_exe.cmake.
+# is one) and checks its exit status and output with run_exe.cmake. EXE
+# names a copy of the executable to run instead of the build's own.
 function(orvel_exe_test name)
-  cmake_parse_arguments(T "" "EXIT;STDOUT;STDERR;STDOUT_REGEX;STDERR_REGEX;WORKDIR" "ARGS;ENV" ${ARGN})
+  cmake_parse_arguments(T "" "EXIT;STDOUT;STDERR;STDOUT_REGEX;STDERR_REGEX;WORKDIR;EXE" "ARGS;ENV" ${ARGN})
   string(REPLACE ";" "|" args "${T_ARGS}")
   string(REPLACE ";" "|" emu "${CMAKE_CROSSCOMPILING_EMULATOR}")
   string(REPLACE ";" "|" env "${T_ENV}")
-  set(defs -DEXE=$<TARGET_FILE:orvel> "-DARGS=${args}" "-DEMU=${emu}")
+  if(NOT T_EXE)
+    set(T_EXE $<TARGET_FILE:orvel>)
+  endif()
+  set(defs -DEXE=${T_EXE} "-DARGS=${args}" "-DEMU=${emu}")
   foreach(k EXIT STDOUT STDERR STDOUT_REGEX STDERR_REGEX WORKDIR)
     if(DEFINED T_${k})
       if(k STREQUAL "EXIT" OR k STREQUAL "STDOUT" OR k STREQUAL "STDERR")

@@ -2,12 +2,10 @@
 // registers (paula-test), the same chord programmed by a 68000 program
 // (cpu-paula-test), and the chord mixed into memory and written as a WAV
 // file (paula-wav).
-#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <thread>
 
 #include "chipset/custom.h"
 #include "chipset/paula.h"
@@ -15,6 +13,7 @@
 #include "cpu/cpu.h"
 #include "machine.h"
 #include "playback/audio.h"
+#include "playback/play.h"
 #include "playback/wav.h"
 
 namespace {
@@ -103,7 +102,7 @@ void cpu_mix_callback(void* context, float* out, uint32_t frames) {
 
 int play_for(Machine& m, AudioCallback callback, double seconds) {
     if (audio_open(m.audio_latency ? m.audio_latency : 10000, callback, &m) != 0) return 1;
-    if (seconds > 0.0) std::this_thread::sleep_for(std::chrono::milliseconds(int64_t(seconds * 1000.0)));
+    play_sleep(seconds);
     audio_close();
     return 0;
 }

@@ -108,6 +108,9 @@ void orvel_reset(Machine& m) {
     m.model = 0;
     m.led_filter = 0;
     m.audio_latency = 10000;
+    // Until a start, no routine of an earlier player may run.
+    m.interrupt_entry = 0;
+    m.tick_period = m.interrupt_period = m.tick_countdown = m.interrupt_countdown = 0;
     m.frames_rendered = 0;
     m.song_end_count = 0;
     m.song_end_frame = 0;

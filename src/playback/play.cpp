@@ -3,10 +3,12 @@
 // pull frames in real time or render everything to a WAV file.
 #include "playback/play.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <thread>
 
 #include "cli/config.h"
@@ -26,6 +28,7 @@ constexpr size_t PATH_MAX_LEN = 4160;
 struct Prepared {
     uint8_t* module = nullptr;
     uint32_t module_len = 0;
+    uint32_t entry = 0;  // the player's entry point in chip RAM
     char player_path[PATH_MAX_LEN] = {};
 };
 
@@ -59,9 +62,9 @@ int prepare(Machine& m, const char* player, const char* module, const char* tag,
     uint32_t player_len = 0;
     uint8_t* image = load_file(p.player_path, player_len);
     if (!image) return 1;
-    uint32_t entry = orvel_load_player_mem(m, image, player_len);
+    p.entry = orvel_load_player_mem(m, image, player_len);
     std::free(image);
-    return entry ? 0 : 1;
+    return p.entry ? 0 : 1;
 }
 
 int install_module(Machine& m, const char* module, Prepared& p) {
@@ -81,6 +84,14 @@ void play_print_string(Machine& m, uint32_t address) {
     }
 }
 
+void play_sleep(double seconds) {
+    for (double ms = std::trunc(seconds * 1000.0); ms > 0.0;) {
+        double piece = std::min(ms, 1000.0);
+        std::this_thread::sleep_for(std::chrono::milliseconds(int64_t(piece)));
+        ms -= piece;
+    }
+}
+
 int play_mode(Machine& m, const char* player, const char* module, double seconds) {
     Prepared p;
     if (int rc = prepare(m, player, module, "play", stdout, p)) {
@@ -88,7 +99,7 @@ int play_mode(Machine& m, const char* player, const char* module, double seconds
         return rc;
     }
     const DeliPlayer& pl = m.player;
-    std::printf("player loaded: entry=%08x, %u hunks\n", m.hunk_addr[0], m.hunk_count);
+    std::printf("player loaded: entry=%08x, %u hunks\n", p.entry, m.hunk_count);
     std::fputs("player: ", stdout);
     if (pl.player_name) play_print_string(m, pl.player_name);
     std::printf("  v%u.%u\n", pl.player_version >> 8, pl.player_version & 0xFF);
@@ -109,12 +120,12 @@ int play_mode(Machine& m, const char* player, const char* module, double seconds
     }
     if (audio_open(m.audio_latency, play_mode_cb, &m) != 0) return 1;
     if (seconds >= 0.0) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(int64_t(seconds * 1000.0)));
+        play_sleep(seconds);
         audio_close();
         orvel_stop_playback(m);
         return 0;
     }
-    for (;;) std::this_thread::sleep_for(std::chrono::milliseconds(1000));
+    for (;;) play_sleep(1.0);
 }
 
 int play_wav_mode(Machine& m, const char* player, const char* module, const char* out_path,
@@ -164,6 +175,10 @@ int play_wav_mode(Machine& m, const char* player, const char* module, const char
                          m.deli_neg_calls[k]);
 
     orvel_stop_playback(m);
+#ifdef _WIN32
+    // `trace` renders to /dev/null; Windows calls its null device NUL.
+    if (std::strcmp(out_path, "/dev/null") == 0) out_path = "NUL";
+#endif
     int rc = wav_write_s16_le(out_path, buffer, frames);
     std::free(buffer);
     return rc;

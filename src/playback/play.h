@@ -11,3 +11,6 @@ int play_mode(Machine& m, const char* player, const char* module, double seconds
 int play_wav_mode(Machine& m, const char* player, const char* module, const char* out_path,
                   double seconds);
 void play_print_string(Machine& m, uint32_t address);
+// Sleeps trunc(seconds x 1000) milliseconds (none for a negative or NaN
+// duration), a second at a time, so that no duration overflows.
+void play_sleep(double seconds);
