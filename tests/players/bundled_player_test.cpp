@@ -1,9 +1,8 @@
 // orvel's bundled player (orvel_data/players/ProTracker) on real modules,
 // through the whole machine (68000, host calls, CIA timing, Paula), against
 // openmpt123's Amiga 500 render. The real executable's auto-wav render must
-// follow openmpt123's loudness envelope on each side, and the engine, run
-// until the player calls SongEnd, must reach the song's end when openmpt123
-// says it ends.
+// follow openmpt123's loudness envelope, and the engine, run until the player
+// calls SongEnd, must reach the song's end when openmpt123 says it ends.
 //
 // Modules: the demo, the shared test modules, and those of Debian's
 // tecnoballz-data package when apt-get can fetch it. Files the player does
@@ -77,6 +76,7 @@ protected:
     static inline std::vector<Module> modules;
 
     static void SetUpTestSuite() {
+        if (!have_openmpt()) return;  // every test here skips
         op_table_fill();
         scratch = std::string(ORVEL_TEST_BINARY_DIR) + "/players_bundled";
         std::error_code ec;
