@@ -10,8 +10,9 @@
 | whole frames for the host's Interrupt countdown, so a song drifts by up to
 | half a frame per tick: 0.15 s over five minutes. The host's CIA timers keep
 | the fractional part of their period and place each underflow in the frame
-| where it falls, so the drift stays below one frame for the whole song, and
-| a tempo change (Fxx) needs no host call: the new latch is loaded at once.
+| where it falls, so what drift remains is the hardware's own (the latch
+| counts whole E-clock ticks: 15 ms over eight minutes at 125 BPM), and a
+| tempo change (Fxx) needs no host call: the new latch is loaded at once.
 | The timer is CIA-B timer A, as ProTracker takes it, or timer B when A is
 | taken; StartInt plays the first tick itself, so the song starts at once
 | instead of one timer period late.

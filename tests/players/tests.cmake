@@ -64,19 +64,13 @@ if(bundled_player)
     -P ${CMAKE_CURRENT_SOURCE_DIR}/run_exe.cmake)
   set_tests_properties(players_installed_orvel_plays PROPERTIES FIXTURES_REQUIRED players_installed)
 
-  if(WIN32)
-    set(exe_name orvel.exe)
-  else()
-    set(exe_name orvel)
-  endif()
+  set(exe_name orvel${CMAKE_EXECUTABLE_SUFFIX})
   add_test(NAME players_package COMMAND ${CMAKE_COMMAND}
     -DBUILD=${CMAKE_BINARY_DIR} -DNAME=${ORVEL_PACKAGE_NAME}
     -DOUT=${CMAKE_CURRENT_BINARY_DIR}/players_package
     -DPACKAGE_SCRIPT=${CMAKE_SOURCE_DIR}/cmake/make_package.cmake
     "-DEXPECT=${ORVEL_INSTALL_DIR}/${exe_name}|${ORVEL_INSTALL_DIR}/orvel_data/eagleplayer.conf|${ORVEL_INSTALL_DIR}/orvel_data/demo.mod|${ORVEL_INSTALL_DIR}/orvel_data/players/ProTracker"
     -P ${CMAKE_CURRENT_SOURCE_DIR}/players/check_package.cmake)
-  # Both install the build tree; one at a time.
-  set_tests_properties(players_install players_package PROPERTIES RESOURCE_LOCK orvel_install)
 endif()
 
 # It must also build for a plain 68000 with nothing to link against.
