@@ -23,6 +23,15 @@ enum {
     DB_VOICES = 0x146,
 };
 
+/* Function pointers of the base, by index (the assembly calls them with A5 =
+   the base). */
+enum {
+    FN_AUDIOALLOC = 5,
+    FN_AUDIOFREE = 6,
+    FN_SONGEND = 9,
+    FN_SETTIMER = 11,
+};
+
 static inline u32 db_long(const void* base, int offset) {
     return *(const volatile u32*)((const u8*)base + offset);
 }

@@ -1,5 +1,6 @@
 #include "pt_support.h"
 
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -230,6 +231,62 @@ std::optional<double> openmpt_duration(const std::string& path) {
     }
     return std::nullopt;
 #endif
+}
+
+std::vector<float> render_openmpt(const std::string& path, double seconds, int separation) {
+#ifdef _WIN32
+    (void)path;
+    (void)seconds;
+    (void)separation;
+    return {};
+#else
+    std::string cmd = "openmpt123 -q --render --force --output-type raw --subsong 0 "
+                      "--end-time " + std::to_string(int(std::ceil(seconds))) +
+                      " --stereo " + std::to_string(separation) +
+                      " --ctl render.resampler.emulate_amiga=1"
+                      " --ctl render.resampler.emulate_amiga_type=a500 '" +
+                      path + "' >/dev/null 2>&1";
+    if (std::system(cmd.c_str()) != 0) return {};
+    std::vector<uint8_t> raw = read_file(path + ".raw");
+    std::remove((path + ".raw").c_str());
+    // Whole stereo float frames, or the render went wrong.
+    if (raw.empty() || raw.size() % (2 * sizeof(float)) != 0) return {};
+    std::vector<float> out(raw.size() / sizeof(float));
+    std::memcpy(out.data(), raw.data(), raw.size());
+    return out;
+#endif
+}
+
+std::vector<double> envelope(const std::vector<float>& pcm, size_t windows, int of) {
+    std::vector<double> e(windows);
+    for (size_t w = 0; w < windows; w++) {
+        double sum = 0;
+        for (size_t f = w * ENVELOPE_WINDOW; f < (w + 1) * ENVELOPE_WINDOW; f++) {
+            double l = pcm[2 * f], r = pcm[2 * f + 1];
+            switch (of) {
+            case LEFT: sum += l * l; break;
+            case RIGHT: sum += r * r; break;
+            case MONO: sum += (l + r) * (l + r); break;
+            default: sum += (l * l + r * r) / 2; break;
+            }
+        }
+        e[w] = std::sqrt(sum / ENVELOPE_WINDOW);
+    }
+    return e;
+}
+
+double correlation(const std::vector<double>& a, const std::vector<double>& b) {
+    double ma = 0, mb = 0;
+    for (size_t i = 0; i < a.size(); i++) ma += a[i], mb += b[i];
+    ma /= double(a.size());
+    mb /= double(b.size());
+    double ab = 0, aa = 0, bb = 0;
+    for (size_t i = 0; i < a.size(); i++) {
+        ab += (a[i] - ma) * (b[i] - mb);
+        aa += (a[i] - ma) * (a[i] - ma);
+        bb += (b[i] - mb) * (b[i] - mb);
+    }
+    return aa > 0 && bb > 0 ? ab / std::sqrt(aa * bb) : 0;
 }
 
 }  // namespace pt_test

@@ -89,4 +89,20 @@ void write_file(const std::string& path, const std::vector<uint8_t>& data);
 bool have_openmpt();
 std::optional<double> openmpt_duration(const std::string& path);
 
+// openmpt123's A500 render of the first `seconds` (rounded up), interleaved
+// float stereo at 48 kHz; empty when it fails. It writes <path>.raw, so
+// `path` should be a copy of the module in a scratch directory. Stereo
+// separation in percent: at its default of 100 openmpt123 pans MOD channels
+// about 75/25; 200 puts them hard left and right, as Paula does.
+std::vector<float> render_openmpt(const std::string& path, double seconds, int separation = 100);
+
+// Loudness envelope: RMS of each 20 ms window over `windows` windows, of
+// the left or right side, their sum (mono), or both sides' power together.
+constexpr int ENVELOPE_WINDOW = 960;  // frames at 48 kHz
+enum EnvelopeOf { LEFT = 0, RIGHT = 1, MONO = 2, STEREO = 3 };
+std::vector<double> envelope(const std::vector<float>& pcm, size_t windows, int of);
+
+// Pearson correlation of two series of equal length (0 when one is flat).
+double correlation(const std::vector<double>& a, const std::vector<double>& b);
+
 }  // namespace pt_test

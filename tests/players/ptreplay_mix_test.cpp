@@ -18,7 +18,7 @@ using namespace pt_test;
 namespace {
 
 constexpr double SECONDS = 30;
-constexpr int WINDOW = OUTPUT_RATE / 50;  // 20 ms
+constexpr int WINDOW = ENVELOPE_WINDOW;
 constexpr double MIN_CORRELATION = 0.95;
 constexpr uint32_t MODULE_ADDRESS = 0x10000;  // where orvel places modules
 constexpr uint32_t CUSTOM_BASE = 0xDFF000;
@@ -64,49 +64,6 @@ std::vector<float> render_orvel(const std::vector<uint8_t>& module, double secon
     pt_hw_hooks = {};
     out.resize(2 * size_t(done));
     return out;
-}
-
-std::vector<float> render_openmpt(const std::string& module_path, double seconds) {
-    std::string cmd = "openmpt123 -q --render --force --output-type raw --subsong 0 "
-                      "--end-time " + std::to_string(int(std::ceil(seconds))) +
-                      " --ctl render.resampler.emulate_amiga=1"
-                      " --ctl render.resampler.emulate_amiga_type=a500 '" +
-                      module_path + "' >/dev/null 2>&1";
-    if (std::system(cmd.c_str()) != 0) return {};
-    std::vector<uint8_t> raw = read_file(module_path + ".raw");
-    std::remove((module_path + ".raw").c_str());
-    std::vector<float> out(raw.size() / sizeof(float));
-    std::copy(raw.begin(), raw.begin() + std::ptrdiff_t(out.size() * sizeof(float)),
-              reinterpret_cast<uint8_t*>(out.data()));
-    return out;
-}
-
-// RMS of each 20 ms window; side 0 left, 1 right, 2 both summed.
-std::vector<double> envelope(const std::vector<float>& pcm, size_t windows, int side) {
-    std::vector<double> e(windows);
-    for (size_t w = 0; w < windows; w++) {
-        double sum = 0;
-        for (size_t f = w * WINDOW; f < (w + 1) * WINDOW; f++) {
-            double v = side == 2 ? double(pcm[2 * f]) + pcm[2 * f + 1] : pcm[2 * f + side];
-            sum += v * v;
-        }
-        e[w] = std::sqrt(sum / WINDOW);
-    }
-    return e;
-}
-
-double correlation(const std::vector<double>& a, const std::vector<double>& b) {
-    double ma = 0, mb = 0;
-    for (size_t i = 0; i < a.size(); i++) ma += a[i], mb += b[i];
-    ma /= double(a.size());
-    mb /= double(b.size());
-    double ab = 0, aa = 0, bb = 0;
-    for (size_t i = 0; i < a.size(); i++) {
-        ab += (a[i] - ma) * (b[i] - mb);
-        aa += (a[i] - ma) * (a[i] - ma);
-        bb += (b[i] - mb) * (b[i] - mb);
-    }
-    return aa > 0 && bb > 0 ? ab / std::sqrt(aa * bb) : 0;
 }
 
 }  // namespace

@@ -1,0 +1,31 @@
+# Packs the build with the package recipe and checks the zip's contents.
+#   -DBUILD=<build dir> -DNAME=<package name> -DOUT=<scratch dir>
+#   -DPACKAGE_SCRIPT=<make_package.cmake> -DEXPECT="a|b/c|..." (paths under NAME/)
+cmake_minimum_required(VERSION 3.25)
+file(REMOVE_RECURSE ${OUT})
+file(MAKE_DIRECTORY ${OUT})
+execute_process(COMMAND ${CMAKE_COMMAND} -DBUILD=${BUILD} -DNAME=${NAME} -DOUT=${OUT}
+                        -P ${PACKAGE_SCRIPT}
+                RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
+if(NOT rc EQUAL 0)
+  message(FATAL_ERROR "packing failed:\n${out}${err}")
+endif()
+execute_process(COMMAND ${CMAKE_COMMAND} -E tar tf ${OUT}/${NAME}.zip
+                RESULT_VARIABLE rc OUTPUT_VARIABLE listing)
+if(NOT rc EQUAL 0)
+  message(FATAL_ERROR "${OUT}/${NAME}.zip cannot be listed")
+endif()
+string(REPLACE "\n" ";" entries "${listing}")
+string(REPLACE "|" ";" EXPECT "${EXPECT}")
+set(missing "")
+foreach(want ${EXPECT})
+  string(REGEX REPLACE "^\\./" "" want "${want}")
+  if(NOT "${NAME}/${want}" IN_LIST entries)
+    string(APPEND missing "  ${NAME}/${want}\n")
+  endif()
+endforeach()
+if(missing)
+  message(FATAL_ERROR "${NAME}.zip lacks:\n${missing}it holds:\n${listing}")
+endif()
+file(REMOVE_RECURSE ${OUT})
+message(STATUS "${NAME}.zip holds ${EXPECT}")
