@@ -154,110 +154,75 @@ TEST_F(Cpu, StopLoadsSrAndStaysStopped) {
     EXPECT_EQ(m.stopped, 1);
 }
 
-// SR writes keep T1, T0, S, M, the mask and the codes ($F71F) and swap the
-// stacks when S changes; MOVE to CCR and RTR store the whole low byte.
-TEST_F(Cpu, StatusRegisterWrites) {
+// One instruction from supervisor mode with a return frame on the stack
+// ($AAEE, $00002222): SR writes keep T1, T0, S, M, the mask and the codes
+// ($F71F) and swap the stacks when S changes; MOVE to CCR and RTR store the
+// whole low byte; flags where this CPU defines what the 68000 leaves
+// undefined; and the 68010/68020 instructions. A push is the return address.
+TEST_F(Cpu, SingleInstructionRules) {
+    constexpr uint32_t NEXT = 0, SSP = SUPER_STACK;  // NEXT: the address after the instruction
     const struct {
         const char* what;
         std::vector<uint16_t> words;
-        uint16_t sr_before, sr_after;
-        uint32_t pc, a7;
+        uint16_t sr;
+        uint32_t d0, d1;
+        uint32_t pc;
+        uint16_t sr_after;
+        uint32_t d0_after, d1_after, a7;
     } cases[] = {
-        {"MOVE #$FFFF,SR", {0x46FC, 0xFFFF}, 0x2700, 0xF71F, CODE + 4, SUPER_STACK},
-        {"EORI #$2000,SR", {0x0A7C, 0x2000}, 0x2704, 0x0704, CODE + 4, USER_STACK},
-        {"MOVE #$1234,CCR", {0x44FC, 0x1234}, 0x2000, 0x2034, CODE + 4, SUPER_STACK},
-        {"RTR", {0x4E77}, 0x2700, 0x27EE, 0x2222, SUPER_STACK + 6},
+        {"MOVE #$FFFF,SR", {0x46FC, 0xFFFF}, 0x2700, 0, 0, NEXT, 0xF71F, 0, 0, SSP},
+        {"EORI #$2000,SR", {0x0A7C, 0x2000}, 0x2704, 0, 0, NEXT, 0x0704, 0, 0, USER_STACK},
+        {"MOVE #$1234,CCR", {0x44FC, 0x1234}, 0x2000, 0, 0, NEXT, 0x2034, 0, 0, SSP},
+        {"RTR", {0x4E77}, 0x2700, 0, 0, 0x2222, 0x27EE, 0, 0, SSP + 6},
+        {"MOVE CCR,D1", {0x42C1}, 0x2715, 0, 0xFFFFFFFF, NEXT, 0x2715, 0, 0xFFFF0015, SSP},
+        {"EXTB.L D0", {0x49C0}, 0x2700, 0x123456F0, 0, NEXT, 0x2708, 0xFFFFFFF0, 0, SSP},
+        {"DIVU.W #1 overflows: V only, C kept", {0x82FC, 0x0001}, 0x2709, 0, 0x00010000, NEXT,
+         0x270B, 0, 0x00010000, SSP},
+        {"DIVS.W #-1 of $80000000 overflows", {0x83FC, 0xFFFF}, 0x2704, 0, 0x80000000, NEXT,
+         0x2706, 0, 0x80000000, SSP},
+        {"DIVS.W #-2 of 65536 is -32768", {0x83FC, 0xFFFE}, 0x2700, 0, 0x00010000, NEXT, 0x2708,
+         0, 0x00008000, SSP},
+        {"DIVS.W #-2 of 65538 overflows", {0x83FC, 0xFFFE}, 0x2700, 0, 0x00010002, NEXT, 0x2702,
+         0, 0x00010002, SSP},
+        {"ABCD 0+0 clears Z, keeps V", {0xC300}, 0x2706, 0, 0, NEXT, 0x2702, 0, 0, SSP},
+        {"BRA.L +$12344", {0x60FF, 0x0001, 0x2344}, 0x2700, 0, 0, CODE + 2 + 0x12344, 0x2700, 0,
+         0, SSP},
+        {"BRA.L -$1000", {0x60FF, 0xFFFF, 0xF000}, 0x2700, 0, 0, CODE + 2 - 0x1000, 0x2700, 0, 0,
+         SSP},
+        {"BSR.L", {0x61FF, 0x0000, 0x0100}, 0x2700, 0, 0, CODE + 2 + 0x100, 0x2700, 0, 0, SSP - 4},
+        {"BEQ.L not taken", {0x67FF, 0x0000, 0x0100}, 0x2700, 0, 0, NEXT, 0x2700, 0, 0, SSP},
+        {"BEQ.L taken", {0x67FF, 0x0000, 0x0100}, 0x2704, 0, 0, CODE + 2 + 0x100, 0x2704, 0, 0,
+         SSP},
+        {"RTD #16", {0x4E74, 0x0010}, 0x2700, 0, 0, 0xAAEE0000, 0x2700, 0, 0, SSP + 4 + 16},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         SetUp();
-        put_words(m, SUPER_STACK, {0xAAEE, 0x0000, 0x2222});  // for RTR
-        m.sr = c.sr_before;
+        put_words(m, SUPER_STACK, {0xAAEE, 0x0000, 0x2222});
+        m.sr = c.sr;
+        m.d[0] = c.d0;
+        m.d[1] = c.d1;
         code(c.words);
         step(m);
+        uint32_t next = CODE + 2 * uint32_t(c.words.size());
+        EXPECT_EQ(m.pc, c.pc == NEXT ? next : c.pc);
         EXPECT_EQ(m.sr, c.sr_after);
-        EXPECT_EQ(m.pc, c.pc);
+        EXPECT_EQ(m.d[0], c.d0_after);
+        EXPECT_EQ(m.d[1], c.d1_after);
         EXPECT_EQ(m.a[7], c.a7);
+        if (c.a7 == SSP - 4) {
+            EXPECT_EQ(read32(m, m.a[7]), next);
+        }
         if (!(m.sr & SR_S)) {
             EXPECT_EQ(m.ssp, SUPER_STACK);
         }
     }
 }
 
-// Data-register results and condition codes where this CPU defines what the
-// 68000 leaves undefined, and 68010/68020 register instructions.
-TEST_F(Cpu, RegisterRules) {
-    const struct {
-        const char* what;
-        std::vector<uint16_t> words;
-        uint32_t d0, d1;
-        uint16_t ccr;
-        uint32_t d0_after, d1_after;
-        uint16_t ccr_after;
-    } cases[] = {
-        {"MOVE CCR,D1", {0x42C1}, 0, 0xFFFFFFFF, 0x15, 0, 0xFFFF0015, 0x15},
-        {"EXTB.L D0", {0x49C0}, 0x123456F0, 0, 0, 0xFFFFFFF0, 0, SR_N},
-        {"DIVU.W #1 overflows: V only, C kept", {0x82FC, 0x0001}, 0, 0x00010000, SR_C | SR_N,
-         0, 0x00010000, SR_C | SR_N | SR_V},
-        {"DIVS.W #-1 of $80000000 overflows", {0x83FC, 0xFFFF}, 0, 0x80000000, SR_Z,
-         0, 0x80000000, SR_Z | SR_V},
-        {"DIVS.W #-2 of 65536 is -32768", {0x83FC, 0xFFFE}, 0, 0x00010000, 0, 0, 0x00008000, SR_N},
-        {"DIVS.W #-2 of 65538 overflows", {0x83FC, 0xFFFE}, 0, 0x00010002, 0, 0, 0x00010002, SR_V},
-        {"ABCD 0+0 clears Z, keeps V", {0xC300}, 0, 0, SR_Z | SR_V, 0, 0, SR_V},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        SetUp();
-        m.d[0] = c.d0;
-        m.d[1] = c.d1;
-        m.sr = uint16_t(0x2700 | c.ccr);
-        code(c.words);
-        step(m);
-        EXPECT_EQ(m.pc, CODE + 2 * c.words.size());
-        EXPECT_EQ(m.d[0], c.d0_after);
-        EXPECT_EQ(m.d[1], c.d1_after);
-        EXPECT_EQ(m.sr & 0xFF, c.ccr_after);
-    }
-}
-
-TEST_F(Cpu, LongBranchesAndSubroutines) {
-    const struct {
-        const char* what;
-        std::vector<uint16_t> words;
-        uint16_t ccr;
-        uint32_t pc, pushed;  // pushed 0: nothing pushed
-    } cases[] = {
-        {"BRA.L +$12344", {0x60FF, 0x0001, 0x2344}, 0, CODE + 2 + 0x12344, 0},
-        {"BRA.L -$1000", {0x60FF, 0xFFFF, 0xF000}, 0, CODE + 2 - 0x1000, 0},
-        {"BSR.L", {0x61FF, 0x0000, 0x0100}, 0, CODE + 2 + 0x100, CODE + 6},
-        {"BEQ.L not taken", {0x67FF, 0x0000, 0x0100}, 0, CODE + 6, 0},
-        {"BEQ.L taken", {0x67FF, 0x0000, 0x0100}, SR_Z, CODE + 2 + 0x100, 0},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        SetUp();
-        m.sr = uint16_t(0x2700 | c.ccr);
-        code(c.words);
-        step(m);
-        EXPECT_EQ(m.pc, c.pc);
-        EXPECT_EQ(m.a[7], SUPER_STACK - (c.pushed ? 4 : 0));
-        if (c.pushed) {
-            EXPECT_EQ(read32(m, m.a[7]), c.pushed);
-        }
-    }
-
-    // RTD #16 pops the return address, then drops 16 bytes of arguments.
-    SetUp();
-    write32(m, SUPER_STACK, 0x5678);
-    code({0x4E74, 0x0010});
-    step(m);
-    EXPECT_EQ(m.pc, 0x5678u);
-    EXPECT_EQ(m.a[7], SUPER_STACK + 4 + 16);
-
-    // LINK.L A6,#-$20000 takes a 32-bit displacement; UNLK undoes it.
-    SetUp();
+// LINK.L takes a 32-bit displacement; UNLK undoes it.
+TEST_F(Cpu, LinkLong) {
     m.a[6] = 0xAAAA;
-    code({0x480E, 0xFFFE, 0x0000, 0x4E5E});
+    code({0x480E, 0xFFFE, 0x0000, 0x4E5E});  // LINK.L A6,#-$20000; UNLK A6
     step(m);
     EXPECT_EQ(read32(m, SUPER_STACK - 4), 0xAAAAu);
     EXPECT_EQ(m.a[6], SUPER_STACK - 4);

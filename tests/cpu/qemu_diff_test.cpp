@@ -85,9 +85,11 @@ struct Expected {
 };
 
 // A static big-endian ELF32 for m68k with one RWX segment that also holds
-// the headers (in the padding at its start).
-std::vector<uint8_t> elf_file(const std::vector<uint8_t>& image, uint32_t file_size) {
-    std::vector<uint8_t> f(image.begin(), image.begin() + file_size);
+// the headers (in the padding at its start): the code as built in chip RAM,
+// the data area as it was before this CPU ran the program.
+std::vector<uint8_t> elf_file(const Machine& m, const std::vector<uint8_t>& initial_data) {
+    std::vector<uint8_t> f(m.chip_ram + SEGMENT, m.chip_ram + DATA);
+    f.insert(f.end(), initial_data.begin(), initial_data.end());
     std::fill(f.begin(), f.begin() + 84, 0);
     const struct {
         uint8_t at, bytes;
@@ -96,7 +98,7 @@ std::vector<uint8_t> elf_file(const std::vector<uint8_t>& image, uint32_t file_s
         {0, 4, 0x7F454C46}, {4, 1, 1}, {5, 1, 2}, {6, 1, 1},  // ELF, 32-bit, big-endian
         {16, 2, 2}, {18, 2, 4}, {20, 4, 1},                   // executable, 68000, version
         {24, 4, CODE}, {28, 4, 52}, {40, 2, 52}, {42, 2, 32}, {44, 2, 1}, {46, 2, 40},
-        {52, 4, 1}, {60, 4, SEGMENT}, {64, 4, SEGMENT}, {68, 4, file_size},  // PT_LOAD
+        {52, 4, 1}, {60, 4, SEGMENT}, {64, 4, SEGMENT}, {68, 4, LOG - SEGMENT},  // PT_LOAD
         {72, 4, SEGMENT_END - SEGMENT}, {76, 4, 7}, {80, 4, 0x1000},  // the log is zero-filled
     };
     for (const auto& x : fields)
@@ -104,61 +106,45 @@ std::vector<uint8_t> elf_file(const std::vector<uint8_t>& image, uint32_t file_s
     return f;
 }
 
-class Generator {
-public:
-    Generator(Machine& m, uint64_t seed) : m_(m), rng_(seed), image_(SEGMENT_END - SEGMENT) {}
-    // Build one program while running it here; false when the generator
-    // could not make progress (a bug in the generator).
-    bool build();
-    std::vector<uint8_t> elf() const { return elf_file(image_, LOG - SEGMENT); }
+// Builds one program in chip RAM while this CPU runs it.
+struct Generator {
+    Machine& m;
+    std::mt19937_64 rng;
+    std::vector<uint8_t> initial_data;
     std::vector<Expected> expected;
     int rejected = 0;
+    uint32_t at = CODE;  // where the next instruction goes
+    uint32_t span = 4;   // bytes a PC-relative operand may read
+    std::vector<uint16_t> w;
+    uint16_t ccr_mask = 0x1F;
+    bool define_flags_next = false;
 
-private:
-    Machine& m_;
-    std::mt19937_64 rng_;
-    std::vector<uint8_t> image_;
-    uint32_t at_ = CODE;  // where the next instruction goes
-    uint32_t span_ = 4;   // bytes a PC-relative operand may read
-    std::vector<uint16_t> w_;
-    uint16_t ccr_mask_ = 0x1F;
-    bool define_flags_next_ = false;
-
-    uint32_t rnd(uint32_t n) { return uint32_t(rng_() % n); }
-    uint32_t r32() { return uint32_t(rng_()); }
+    Generator(Machine& machine, uint64_t seed) : m(machine), rng(seed) {}
+    uint32_t rnd(uint32_t n) { return uint32_t(rng() % n); }
+    uint32_t r32() { return uint32_t(rng()); }
     bool chance(int percent) { return rnd(100) < uint32_t(percent); }
-    void put16(uint32_t address, uint16_t v) {
-        image_[address - SEGMENT] = uint8_t(v >> 8);
-        image_[address - SEGMENT + 1] = uint8_t(v);
-    }
-    void put32(uint32_t address, uint32_t v) {
-        put16(address, uint16_t(v >> 16));
-        put16(address + 2, uint16_t(v));
-    }
     void emit(std::initializer_list<uint32_t> words) {  // above $FFFF: a long
         for (uint32_t v : words) {
-            if (v > 0xFFFF) put16(at_, uint16_t(v >> 16)), at_ += 2;
-            put16(at_, uint16_t(v));
-            at_ += 2;
+            if (v > 0xFFFF) write16(m, at, uint16_t(v >> 16)), at += 2;
+            write16(m, at, uint16_t(v));
+            at += 2;
         }
-    }
-    void to_machine(uint32_t from, uint32_t to) {
-        std::memcpy(m_.chip_ram + from, image_.data() + (from - SEGMENT), to - from);
     }
     int ea(unsigned modes, Size size);
     int base_register();
     bool with_ea(uint16_t op, std::initializer_list<uint16_t> extra, unsigned modes, Size s);
     bool make_instruction();
+    bool build();
 };
 
 int Generator::base_register() {
     int candidates[7], n = 0;
     for (int r : {0, 1, 2, 3, 4, 5, 7})
-        if (in_window(m_.a[r])) candidates[n++] = r;
+        if (in_window(m.a[r])) candidates[n++] = r;
     return n ? candidates[rnd(n)] : -1;
 }
 
-// Pick a mode out of `modes` and append its extension words to w_; returns
+// Pick a mode out of `modes` and append its extension words to w; returns
 // the 6-bit mode/register field, or -1.
 int Generator::ea(unsigned modes, Size size) {
     std::vector<Mode> choices;
@@ -166,41 +152,41 @@ int Generator::ea(unsigned modes, Size size) {
         if (modes & (1u << md)) choices.push_back(Mode(md));
     for (int attempt = 0; attempt < 8; attempt++) {
         Mode md = choices[rnd(uint32_t(choices.size()))];
-        uint32_t ext_address = at_ + 2 * uint32_t(w_.size());
+        uint32_t ext_address = at + 2 * uint32_t(w.size());
         switch (md) {
         case DN: return int(rnd(8));
         case AN: return 8 + int(rnd(8));
         case ABSL: {
             uint32_t a = DATA + rnd(DATA_SIZE - 64);
-            w_.insert(w_.end(), {uint16_t(a >> 16), uint16_t(a)});
+            w.insert(w.end(), {uint16_t(a >> 16), uint16_t(a)});
             return 7 << 3 | 1;
         }
         case PCD16: {  // only what is already written: the padding and earlier code
             uint32_t lo = std::max<uint32_t>(SEGMENT + 0x100, ext_address - 0x7FF0);
-            w_.push_back(uint16_t(lo + rnd(at_ - span_ - lo) - ext_address));
+            w.push_back(uint16_t(lo + rnd(at - span - lo) - ext_address));
             return 7 << 3 | 2;
         }
         case PCIDX:
             for (int k = 0; k < 8; k++) {
                 uint16_t ext = uint16_t(rnd(16) << 12 | rnd(256));
-                uint32_t xn = ext >> 15 ? m_.a[(ext >> 12) & 7] : m_.d[(ext >> 12) & 7];
+                uint32_t xn = ext >> 15 ? m.a[(ext >> 12) & 7] : m.d[(ext >> 12) & 7];
                 uint32_t target = ext_address + uint32_t(int8_t(ext)) + uint32_t(int16_t(xn));
-                if (target >= SEGMENT + 0x100 && target + span_ <= at_) {
-                    w_.push_back(ext);
+                if (target >= SEGMENT + 0x100 && target + span <= at) {
+                    w.push_back(ext);
                     return 7 << 3 | 3;
                 }
             }
             continue;
         case IMM:
-            if (size == LONG) w_.push_back(uint16_t(r32() >> 16));
-            w_.push_back(size == BYTE ? uint16_t(rnd(256)) : uint16_t(r32()));
+            if (size == LONG) w.push_back(uint16_t(r32() >> 16));
+            w.push_back(size == BYTE ? uint16_t(rnd(256)) : uint16_t(r32()));
             return 7 << 3 | 4;
         case ABSW: continue;
         default: {  // (An), (An)+, -(An), d16(An), d8(An,Xn) with a base in the window
             int r = base_register();
             if (r < 0) continue;
-            if (md == AD16) w_.push_back(uint16_t(r32()));
-            if (md == AIDX) w_.push_back(uint16_t(rnd(16) << 12 | rnd(256)));  // brief, no scale
+            if (md == AD16) w.push_back(uint16_t(r32()));
+            if (md == AIDX) w.push_back(uint16_t(rnd(16) << 12 | rnd(256)));  // brief, no scale
             return md << 3 | r;
         }
         }
@@ -209,22 +195,23 @@ int Generator::ea(unsigned modes, Size size) {
 }
 
 // The opcode, any words that come before the operand's, then the operand.
-bool Generator::with_ea(uint16_t op, std::initializer_list<uint16_t> extra, unsigned modes, Size s) {
-    w_ = {op};
-    w_.insert(w_.end(), extra);
+bool Generator::with_ea(uint16_t op, std::initializer_list<uint16_t> extra, unsigned modes,
+                        Size s) {
+    w = {op};
+    w.insert(w.end(), extra);
     int e = ea(modes, s);
     if (e < 0) return false;
-    w_[0] |= uint16_t(e);
+    w[0] |= uint16_t(e);
     return true;
 }
 
 bool Generator::make_instruction() {
-    w_.clear();
-    ccr_mask_ = 0x1F;
-    span_ = 4;
-    if (define_flags_next_) {  // TST.L Dn defines N, Z, V and C without reading them
-        define_flags_next_ = false;
-        w_ = {uint16_t(0x4A80 | rnd(8))};
+    w.clear();
+    ccr_mask = 0x1F;
+    span = 4;
+    if (define_flags_next) {  // TST.L Dn defines N, Z, V and C without reading them
+        define_flags_next = false;
+        w = {uint16_t(0x4A80 | rnd(8))};
         return true;
     }
     static const int weights[] = {20, 14, 6, 6, 6, 4, 5, 2, 5, 1, 6, 8, 4, 3, 2, 3, 2};
@@ -237,12 +224,12 @@ bool Generator::make_instruction() {
     switch (family) {
     case 0: {  // MOVE, and MOVEA to A6 only
         static const uint16_t move_size[] = {0x1000, 0x3000, 0x2000};
-        w_ = {0};
+        w = {0};
         int src = ea(s == BYTE ? DATA_MODES : ALL, s);
         if (src < 0) return false;
         int dst = s != BYTE && chance(15) ? 1 << 3 | 6 : ea(DATA_ALT, s);
         if (dst < 0) return false;
-        w_[0] = uint16_t(move_size[s] | (dst & 7) << 9 | (dst >> 3) << 6 | src);
+        w[0] = uint16_t(move_size[s] | (dst & 7) << 9 | (dst >> 3) << 6 | src);
         return true;
     }
     case 1: {  // ADD SUB CMP AND OR to Dn or (not CMP) to memory, EOR Dn,<ea>
@@ -263,8 +250,8 @@ bool Generator::make_instruction() {
         uint16_t op = uint16_t(0x5000 | rx | (chance(50) ? 0x100 : 0) | size);
         if (s == BYTE || !chance(20)) return with_ea(op, {}, DATA_ALT, s);
         unsigned r = rnd(8);
-        w_ = {uint16_t(op | 8 | r)};
-        return r == 6 || in_window(m_.a[r]);
+        w = {uint16_t(op | 8 | r)};
+        return r == 6 || in_window(m.a[r]);
     }
     case 4: {  // NEGX CLR NEG NOT TST
         static const uint16_t base[] = {0x4000, 0x4200, 0x4400, 0x4600, 0x4A00};
@@ -286,16 +273,16 @@ bool Generator::make_instruction() {
             y = base_register();
             if (x < 0 || y < 0 || (k != 2 && s == BYTE && (x == 7 || y == 7))) return false;
         }
-        w_ = {uint16_t(base[k] | x << 9 | size | (memory ? 8 : 0) | y)};
+        w = {uint16_t(base[k] | x << 9 | size | (memory ? 8 : 0) | y)};
         return true;
     }
     case 7: {  // ABCD SBCD on valid BCD bytes (the CPUs differ on others); X, C compared
         unsigned x = rnd(8), y = rnd(8);
         auto bcd = [](uint32_t v) { return (v & 0x0F) <= 9 && (v & 0xF0) <= 0x90; };
-        if (!bcd(m_.d[x]) || !bcd(m_.d[y])) return false;
-        w_ = {uint16_t((chance(50) ? 0xC100 : 0x8100) | x << 9 | y)};
-        ccr_mask_ = SR_X | SR_C;
-        define_flags_next_ = true;
+        if (!bcd(m.d[x]) || !bcd(m.d[y])) return false;
+        w = {uint16_t((chance(50) ? 0xC100 : 0x8100) | x << 9 | y)};
+        ccr_mask = SR_X | SR_C;
+        define_flags_next = true;
         return true;
     }
     case 8: {  // MULU MULS DIVU DIVS
@@ -304,8 +291,8 @@ bool Generator::make_instruction() {
     }
     case 9:  // CHK: Z, V and C are undefined on a 68000
         if (!with_ea(uint16_t(0x4180 | rx), {}, DATA_MODES, WORD)) return false;
-        ccr_mask_ = SR_X | SR_N;
-        define_flags_next_ = true;
+        ccr_mask = SR_X | SR_N;
+        define_flags_next = true;
         return true;
     case 10: {  // BTST BCHG BCLR BSET, dynamic or static
         unsigned op = rnd(4);
@@ -315,40 +302,40 @@ bool Generator::make_instruction() {
     }
     case 11:  // register shifts; in memory rotates only (qemu 7.2 swaps ASd and LSd)
         if (chance(25)) return with_ea(uint16_t(0xE4C0 | rnd(4) << 8), {}, MEM_ALT, WORD);
-        w_ = {uint16_t(0xE000 | rx | rnd(2) << 8 | size | rnd(2) << 5 | rnd(4) << 3 | rnd(8))};
+        w = {uint16_t(0xE000 | rx | rnd(2) << 8 | size | rnd(2) << 5 | rnd(4) << 3 | rnd(8))};
         return true;
     case 12: {  // EXG Dx,Dy / Dx,A6 / A6,A6, SWAP, EXT.W, EXT.L, EXTB.L, MOVEQ
         uint16_t r = uint16_t(rnd(8));
         const uint16_t ops[] = {uint16_t(0xC140 | rx | r), uint16_t(0xC188 | rx | 6), 0xCD4E,
                                 uint16_t(0x4840 | r), uint16_t(0x4880 | r), uint16_t(0x48C0 | r),
                                 uint16_t(0x49C0 | r), uint16_t(0x7000 | rx | rnd(256))};
-        w_ = {ops[rnd(8)]};
+        w = {ops[rnd(8)]};
         return true;
     }
     case 13: {  // Scc, TAS (not (A7)+ or -(A7))
         bool tas = chance(30);
         if (!with_ea(tas ? 0x4AC0 : uint16_t(0x50C0 | rnd(16) << 8), {}, DATA_ALT, BYTE))
             return false;
-        unsigned e = w_[0] & 0x3F;
+        unsigned e = w[0] & 0x3F;
         return !tas || (e != (AINC << 3 | 7) && e != (ADEC << 3 | 7));
     }
     case 14: {  // LEA to A6, PEA onto the stack in the data area
         bool pea = chance(30);
-        if (pea && !in_window(m_.a[7])) return false;
+        if (pea && !in_window(m.a[7])) return false;
         return with_ea(pea ? 0x4840 : 0x4DC0, {}, CONTROL, LONG);
     }
     case 15: {  // MOVEM; loads only into data registers and A6, the bases stay put
         uint16_t sz = wl == LONG ? 0x40 : 0;
         if (chance(50))
             return with_ea(0x4880 | sz, {uint16_t(r32())}, CONTROL_ALT | bit(ADEC), wl);
-        span_ = 16 * 4;
+        span = 16 * 4;
         uint16_t mask = uint16_t((r32() & 0x00FF) | (chance(30) ? 0x4000 : 0));
         return with_ea(0x4C80 | sz, {mask}, CONTROL | bit(AINC), wl);
     }
     default:  // MOVE to CCR, ANDI/ORI/EORI to CCR
         if (chance(50)) return with_ea(0x44C0, {}, DATA_MODES, WORD);
         static const uint16_t ops[] = {0x023C, 0x003C, 0x0A3C};
-        w_ = {ops[rnd(3)], uint16_t(rnd(256))};
+        w = {ops[rnd(3)], uint16_t(rnd(256))};
         return true;
     }
 }
@@ -356,68 +343,66 @@ bool Generator::make_instruction() {
 bool Generator::build() {
     // Random padding and data; random registers with the bases, and the user
     // stack, in the middle of the data area.
-    for (uint8_t& b : image_) b = uint8_t(rng_());
-    std::fill(image_.begin() + (LOG - SEGMENT), image_.end(), 0);
-    std::fill(image_.begin() + (SIGACTION - SEGMENT), image_.begin() + (CODE_END - SEGMENT), 0);
-    for (uint32_t& d : m_.d) d = r32();
-    for (uint32_t& a : m_.a) a = DATA_CENTER + (rnd(0x2000) & ~1u) - 0x1000;
-    m_.a[6] = r32();
-    m_.sr = uint16_t(rnd(32));  // user mode, random condition codes
-    m_.ssp = SUPERVISOR_STACK;
-    m_.usp = m_.vbr = m_.stopped = 0;
-    for (uint32_t v = 2; v < 64; v++) write32(m_, v * 4, TRAP_LANDING);
-    for (int i = 0; i < 8; i++) put32(INIT_REGS + 4 * i, m_.d[i]);
-    for (int i = 0; i < 8; i++) put32(INIT_REGS + 32 + 4 * i, m_.a[i]);
-    to_machine(DATA, LOG);
+    std::generate(m.chip_ram + SEGMENT, m.chip_ram + LOG, [&] { return uint8_t(rng()); });
+    std::fill(m.chip_ram + LOG, m.chip_ram + SEGMENT_END, 0);
+    std::fill(m.chip_ram + SIGACTION, m.chip_ram + CODE_END, 0);
+    for (uint32_t& d : m.d) d = r32();
+    for (uint32_t& a : m.a) a = DATA_CENTER + (rnd(0x2000) & ~1u) - 0x1000;
+    m.a[6] = r32();
+    m.sr = uint16_t(rnd(32));  // user mode, random condition codes
+    m.ssp = SUPERVISOR_STACK;
+    m.usp = m.vbr = m.stopped = 0;
+    for (uint32_t v = 2; v < 64; v++) write32(m, v * 4, TRAP_LANDING);
+    for (int i = 0; i < 8; i++) write32(m, INIT_REGS + 4 * i, m.d[i]);
+    for (int i = 0; i < 8; i++) write32(m, INIT_REGS + 32 + 4 * i, m.a[i]);
+    initial_data.assign(m.chip_ram + DATA, m.chip_ram + LOG);
 
     // The signal handler, also the end of the program: write the log and the
     // data area to standard output, then exit with EXIT_TRAPPED or with D4.
-    at_ = HANDLER;
+    at = HANDLER;
     emit({0x7800u | EXIT_TRAPPED});  // MOVEQ #EXIT_TRAPPED,D4
     for (auto [address, size] : {std::pair{LOG, INSNS * LOG_ENTRY}, std::pair{DATA, DATA_SIZE}})
         // MOVEQ #write,D0; MOVEQ #1,D1; MOVE.L #address,D2; MOVE.L #size,D3; TRAP #0
         emit({0x7000u | SYS_WRITE, 0x7201, 0x243C, address >> 16, address & 0xFFFF, 0x263C,
               size >> 16, size & 0xFFFF, 0x4E40});
     emit({0x7000u | SYS_EXIT, 0x2204, 0x4E40});  // MOVEQ #exit,D0; MOVE.L D4,D1; TRAP #0
-    put32(SIGACTION, HANDLER);
+    write32(m, SIGACTION, HANDLER);
 
     // qemu's side only: the signal handlers, the registers and the CCR.
-    at_ = CODE;
+    at = CODE;
     for (uint16_t sig : SIGNALS)  // MOVEQ #sigaction,D0; MOVEQ #sig,D1; MOVE.L #act,D2;
         emit({0x7000u | SYS_SIGACTION, 0x7200u | sig, 0x243C, SIGACTION, 0x7600, 0x4E40});
-    emit({0x4CF9, 0xFFFF, INIT_REGS, 0x44FC, m_.sr & 0x1Fu});  // MOVEM.L to D0-A7; MOVE to CCR
-    to_machine(SEGMENT, CODE_END);
+    emit({0x4CF9, 0xFFFF, INIT_REGS, 0x44FC, m.sr & 0x1Fu});  // MOVEM.L to D0-A7; MOVE to CCR
 
     for (int i = 0; i < INSNS; i++) {
         bool done = false;
         for (int attempt = 0; attempt < 200 && !done; attempt++) {
-            const uint32_t start = at_;
-            const std::array<uint32_t, 8> d = std::to_array(m_.d), a = std::to_array(m_.a);
-            const uint32_t usp = m_.usp, ssp = m_.ssp;
-            const uint16_t sr = m_.sr;
-            if (!make_instruction() || start + 2 * w_.size() + 20 > HANDLER - 16) {
+            const uint32_t start = at;
+            const std::array<uint32_t, 8> d = std::to_array(m.d), a = std::to_array(m.a);
+            const uint32_t usp = m.usp, ssp = m.ssp;
+            const uint16_t sr = m.sr;
+            if (!make_instruction() || start + 2 * w.size() + 20 > HANDLER - 16) {
                 rejected++;
                 continue;
             }
-            for (uint16_t w : w_) put16(at_, w), at_ += 2;
-            to_machine(start, at_);
-            m_.pc = start;
-            step(m_);
-            if (m_.pc != at_) {  // it trapped: take it back, it never reaches qemu
-                std::copy(d.begin(), d.end(), m_.d);
-                std::copy(a.begin(), a.end(), m_.a);
-                m_.usp = usp, m_.ssp = ssp, m_.sr = sr;
-                at_ = start;
+            for (uint16_t word : w) write16(m, at, word), at += 2;
+            m.pc = start;
+            step(m);
+            if (m.pc != at) {  // it trapped: take it back, it never reaches qemu
+                std::copy(d.begin(), d.end(), m.d);
+                std::copy(a.begin(), a.end(), m.a);
+                m.usp = usp, m.ssp = ssp, m.sr = sr;
+                at = start;
                 rejected++;
                 continue;
             }
-            Expected e{{}, uint16_t(m_.sr & 0x1F), ccr_mask_, w_};
-            std::copy(m_.d, m_.d + 8, e.reg);
-            std::copy(m_.a, m_.a + 8, e.reg + 8);
+            Expected e{{}, uint16_t(m.sr & 0x1F), ccr_mask, w};
+            std::copy(m.d, m.d + 8, e.reg);
+            std::copy(m.a, m.a + 8, e.reg + 8);
             // A division that overflowed sets V alone here; N, Z, C are undefined.
-            if ((w_[0] & 0xF0C0) == 0x80C0 && (m_.sr & SR_V)) {
+            if ((w[0] & 0xF0C0) == 0x80C0 && (m.sr & SR_V)) {
                 e.ccr_mask = SR_X | SR_V;
-                define_flags_next_ = true;
+                define_flags_next = true;
             }
             expected.push_back(e);
             // qemu's side only: MOVEM.L D0-A7,entry; MOVE SR,entry+64; then
@@ -425,14 +410,11 @@ bool Generator::build() {
             // BSET/BCHG/BCLR after a compare whose flags MOVE from SR read.
             uint32_t entry = LOG + uint32_t(i) * LOG_ENTRY;
             emit({0x48F9, 0xFFFF, entry, 0x40F9, entry + 64, 0x44F9, entry + 64});
-            to_machine(start, at_);  // later PC-relative operands may read it
             done = true;
         }
         if (!done) return false;
     }
-    const uint32_t end = at_;
     emit({0x7800, 0x4EF9, HANDLER + 2});  // MOVEQ #0,D4; JMP to the write-out
-    to_machine(end, at_);
     return true;
 }
 
@@ -509,12 +491,11 @@ TEST(QemuDiff, RandomInstructionStreamsAgreeWithQemu) {
     int rejected = 0;
     const size_t log_size = size_t(INSNS) * LOG_ENTRY;
     for (int p = 0; p < PROGRAMS; p++) {
-        std::memset(m.chip_ram + SEGMENT, 0, SEGMENT_END - SEGMENT);
         Generator g(m, seed * 1000003u + uint64_t(p));
         ASSERT_TRUE(g.build()) << "generator stuck, program " << p;
         rejected += g.rejected;
         std::vector<uint8_t> out;
-        int status = run_qemu(g.elf(), p, out);
+        int status = run_qemu(elf_file(m, g.initial_data), p, out);
         std::string where =
             "program " + std::to_string(p) + " (ORVEL_DIFF_SEED=" + std::to_string(seed) + "): ";
         ASSERT_EQ(out.size(), log_size + DATA_SIZE)

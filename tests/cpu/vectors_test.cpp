@@ -153,7 +153,8 @@ bool uses_68020_index_bits(const Decoded& d, const Vector& v) {
 // faults instead of wrapping).
 bool touches_special_memory(const Vector& v) {
     auto special = [](uint32_t a) {
-        return (a >= 0xBFD000 && a <= 0xBFEFFF) || (a >= 0xDFF000 && a <= 0xDFF1FF) || a >= 0xFFFFFE;
+        return (a >= 0xBFD000 && a <= 0xBFEFFF) || (a >= 0xDFF000 && a <= 0xDFF1FF) ||
+               a >= 0xFFFFFE;
     };
     std::vector<uint32_t> all = v.bus_addresses;
     for (const auto* ram : {&v.before.ram, &v.after.ram})
@@ -173,7 +174,8 @@ bool takes_exception(const Vector& v) {
     for (uint32_t vec : {4, 5, 6, 7, 8, 11, 32, 33, 34, 35, 36, 37, 38, 39, 40, 41, 42, 43, 44,
                          45, 46, 47}) {
         int hi = word(vec * 4), lo = word(vec * 4 + 2);
-        if (hi >= 0 && lo >= 0 && (uint32_t(hi) << 16 | uint32_t(lo)) == v.after.reg[PC] - 4) return true;
+        if (hi >= 0 && lo >= 0 && (uint32_t(hi) << 16 | uint32_t(lo)) == v.after.reg[PC] - 4)
+            return true;
     }
     return false;
 }
