@@ -141,23 +141,10 @@ TEST_F(Cpu, RteReturnsThroughTheFrameOrRejectsItsFormat) {
     EXPECT_EQ(read32(m, SUPER_STACK - 4), 0x3456u);
 }
 
-TEST_F(Cpu, StopLoadsSrAndStaysStopped) {
-    code({0x4E72, 0x2015, 0x4E72, 0x0000});
-    step(m);
-    EXPECT_EQ(m.stopped, 1);
-    EXPECT_EQ(m.sr, 0x2015);
-    EXPECT_EQ(m.pc, CODE + 4);
-    step(m);  // into user mode: the stacks swap
-    EXPECT_EQ(m.a[7], USER_STACK);
-    EXPECT_EQ(m.ssp, SUPER_STACK);
-    exception(m, 32);
-    EXPECT_EQ(m.stopped, 1);
-}
-
 // One instruction from supervisor mode with a return frame on the stack
-// ($AAEE, $00002222): SR writes keep T1, T0, S, M, the mask and the codes
-// ($F71F) and swap the stacks when S changes; MOVE to CCR and RTR store the
-// whole low byte; flags where this CPU defines what the 68000 leaves
+// ($AAEE, $00002222): SR writes (STOP too) keep T1, T0, S, M, the mask and
+// the codes ($F71F) and swap the stacks when S changes; MOVE to CCR and RTR
+// store the whole low byte; flags where this CPU defines what the 68000 leaves
 // undefined; and the 68010/68020 instructions. A push is the return address.
 TEST_F(Cpu, SingleInstructionRules) {
     constexpr uint32_t NEXT = 0, SSP = SUPER_STACK;  // NEXT: the address after the instruction
@@ -172,6 +159,8 @@ TEST_F(Cpu, SingleInstructionRules) {
     } cases[] = {
         {"MOVE #$FFFF,SR", {0x46FC, 0xFFFF}, 0x2700, 0, 0, NEXT, 0xF71F, 0, 0, SSP},
         {"EORI #$2000,SR", {0x0A7C, 0x2000}, 0x2704, 0, 0, NEXT, 0x0704, 0, 0, USER_STACK},
+        {"STOP #$2015", {0x4E72, 0x2015}, 0x2700, 0, 0, NEXT, 0x2015, 0, 0, SSP},
+        {"STOP #0 into user mode", {0x4E72, 0x0000}, 0x2700, 0, 0, NEXT, 0x0000, 0, 0, USER_STACK},
         {"MOVE #$1234,CCR", {0x44FC, 0x1234}, 0x2000, 0, 0, NEXT, 0x2034, 0, 0, SSP},
         {"RTR", {0x4E77}, 0x2700, 0, 0, 0x2222, 0x27EE, 0, 0, SSP + 6},
         {"MOVE CCR,D1", {0x42C1}, 0x2715, 0, 0xFFFFFFFF, NEXT, 0x2715, 0, 0xFFFF0015, SSP},
@@ -210,6 +199,7 @@ TEST_F(Cpu, SingleInstructionRules) {
         EXPECT_EQ(m.d[0], c.d0_after);
         EXPECT_EQ(m.d[1], c.d1_after);
         EXPECT_EQ(m.a[7], c.a7);
+        EXPECT_EQ(m.stopped, c.words[0] == 0x4E72);
         if (c.a7 == SSP - 4) {
             EXPECT_EQ(read32(m, m.a[7]), next);
         }
@@ -277,22 +267,16 @@ TEST_F(Cpu, IndexedAddresses) {
 // The address helpers, called directly by host code, raise vector 4 and
 // yield 0 for a mode they do not take (no instruction reaches them so).
 TEST_F(Cpu, AddressHelpersRejectModesTheyDoNotTake) {
-    const struct {
-        uint32_t (*helper)(Machine&, uint16_t);
-        uint16_t opcode;
-    } cases[] = {
-        {ea_addr_control, 0x4ED8},  // (A0)+
-        {ea_addr_control, 0x4EC0},  // D0
-        {ea_addr_control, 0x4EFC},  // #imm
-        {ea_addr_data_byte, 0x0000},  // D0
-        {ea_addr_data_byte, 0x0008},  // A0
-        {[](Machine& m, uint16_t op) -> uint32_t { return ea_load_w(m, op); }, 0x003D},  // 7/5
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.opcode);
+    auto load_w = [](Machine& m, uint16_t op) -> uint32_t { return ea_load_w(m, op); };
+    // Control: (A0)+, D0, #imm; data byte: D0, A0; load word: mode 7/5.
+    const std::pair<uint32_t (*)(Machine&, uint16_t), uint16_t> cases[] = {
+        {ea_addr_control, 0x4ED8},   {ea_addr_control, 0x4EC0}, {ea_addr_control, 0x4EFC},
+        {ea_addr_data_byte, 0x0000}, {ea_addr_data_byte, 0x0008}, {load_w, 0x003D}};
+    for (const auto& [helper, opcode] : cases) {
+        SCOPED_TRACE(opcode);
         SetUp();
         m.a[0] = 0x5000;
-        EXPECT_EQ(c.helper(m, c.opcode), 0u);
+        EXPECT_EQ(helper(m, opcode), 0u);
         EXPECT_EQ(vector_taken(), 4);
         EXPECT_EQ(m.a[0], 0x5000u);
     }

@@ -22,6 +22,7 @@
 #include <array>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <random>
 #include <string>
 #include <vector>
@@ -123,6 +124,10 @@ struct Generator {
     uint32_t rnd(uint32_t n) { return uint32_t(rng() % n); }
     uint32_t r32() { return uint32_t(rng()); }
     bool chance(int percent) { return rnd(100) < uint32_t(percent); }
+    // One of the words, at random or the k-th.
+    uint16_t pick(std::initializer_list<uint16_t> l, unsigned k = ~0u) {
+        return l.begin()[k < l.size() ? k : rnd(uint32_t(l.size()))];
+    }
     void emit(std::initializer_list<uint32_t> words) {  // above $FFFF: a long
         for (uint32_t v : words) {
             if (v > 0xFFFF) write16(m, at, uint16_t(v >> 16)), at += 2;
@@ -147,11 +152,9 @@ int Generator::base_register() {
 // Pick a mode out of `modes` and append its extension words to w; returns
 // the 6-bit mode/register field, or -1.
 int Generator::ea(unsigned modes, Size size) {
-    std::vector<Mode> choices;
-    for (int md = DN; md <= IMM; md++)
-        if (modes & (1u << md)) choices.push_back(Mode(md));
-    for (int attempt = 0; attempt < 8; attempt++) {
-        Mode md = choices[rnd(uint32_t(choices.size()))];
+    for (int attempt = 0; attempt < 64; attempt++) {
+        Mode md = Mode(rnd(12));
+        if (!(modes & bit(md))) continue;
         uint32_t ext_address = at + 2 * uint32_t(w.size());
         switch (md) {
         case DN: return int(rnd(8));
@@ -215,34 +218,33 @@ bool Generator::make_instruction() {
         return true;
     }
     static const int weights[] = {20, 14, 6, 6, 6, 4, 5, 2, 5, 1, 6, 8, 4, 3, 2, 3, 2};
-    int pick = int(rnd(97)), family = 0;  // the weights' sum
-    while (pick >= weights[family]) pick -= weights[family++];
+    int roll = int(rnd(97)), family = 0;  // 97: the sum of the weights
+    while (roll >= weights[family]) roll -= weights[family++];
     Size s = Size(rnd(3));
     Size wl = chance(50) ? WORD : LONG;
     uint16_t size = uint16_t(s << 6), rx = uint16_t(rnd(8) << 9);
     uint16_t imm = s == BYTE ? uint16_t(rnd(256)) : uint16_t(r32());
     switch (family) {
     case 0: {  // MOVE, and MOVEA to A6 only
-        static const uint16_t move_size[] = {0x1000, 0x3000, 0x2000};
         w = {0};
         int src = ea(s == BYTE ? DATA_MODES : ALL, s);
-        if (src < 0) return false;
-        int dst = s != BYTE && chance(15) ? 1 << 3 | 6 : ea(DATA_ALT, s);
-        if (dst < 0) return false;
-        w[0] = uint16_t(move_size[s] | (dst & 7) << 9 | (dst >> 3) << 6 | src);
-        return true;
+        int dst = src < 0 ? -1 : s != BYTE && chance(15) ? 1 << 3 | 6 : ea(DATA_ALT, s);
+        w[0] = uint16_t((s == BYTE ? 0x1000 : s == WORD ? 0x3000 : 0x2000) | (dst & 7) << 9 |
+                        (dst >> 3 & 7) << 6 | (src & 0x3F));
+        return dst >= 0;
     }
     case 1: {  // ADD SUB CMP AND OR to Dn or (not CMP) to memory, EOR Dn,<ea>
-        static const uint16_t base[] = {0xD000, 0x9000, 0xB000, 0xC000, 0x8000, 0xB100};
         unsigned k = rnd(6);
-        if (k == 5) return with_ea(uint16_t(0xB100 | rx | size), {}, DATA_ALT, s);
-        bool to_memory = k != 2 && chance(40);
-        unsigned modes = to_memory ? MEM_ALT : s == BYTE || k >= 3 ? DATA_MODES : ALL;
-        return with_ea(uint16_t(base[k] | rx | (to_memory ? 0x100 : 0) | size), {}, modes, s);
+        bool to_memory = k == 5 || (k != 2 && chance(40));
+        unsigned modes = k == 5          ? DATA_ALT
+                         : to_memory       ? MEM_ALT
+                         : s == BYTE || k >= 3 ? DATA_MODES
+                                               : ALL;
+        uint16_t op = pick({0xD000, 0x9000, 0xB000, 0xC000, 0x8000, 0xB000}, k);
+        return with_ea(uint16_t(op | rx | (to_memory ? 0x100 : 0) | size), {}, modes, s);
     }
     case 2: {  // ADDI SUBI CMPI ANDI ORI EORI
-        static const uint16_t base[] = {0x0600, 0x0400, 0x0C00, 0x0200, 0x0000, 0x0A00};
-        uint16_t op = uint16_t(base[rnd(6)] | size);
+        uint16_t op = uint16_t(pick({0x0600, 0x0400, 0x0C00, 0x0200, 0x0000, 0x0A00}) | size);
         if (s == LONG) return with_ea(op, {uint16_t(r32()), imm}, DATA_ALT, s);
         return with_ea(op, {imm}, DATA_ALT, s);
     }
@@ -253,18 +255,14 @@ bool Generator::make_instruction() {
         w = {uint16_t(op | 8 | r)};
         return r == 6 || in_window(m.a[r]);
     }
-    case 4: {  // NEGX CLR NEG NOT TST
-        static const uint16_t base[] = {0x4000, 0x4200, 0x4400, 0x4600, 0x4A00};
-        return with_ea(uint16_t(base[rnd(5)] | size), {}, DATA_ALT, s);
-    }
+    case 4:  // NEGX CLR NEG NOT TST
+        return with_ea(uint16_t(pick({0x4000, 0x4200, 0x4400, 0x4600, 0x4A00}) | size), {},
+                       DATA_ALT, s);
     case 5: {  // ADDA and SUBA to A6, CMPA with any address register
-        static const uint16_t base[] = {0xDC00, 0x9C00, 0xB000};
-        unsigned k = rnd(3);
-        uint16_t op = uint16_t(base[k] | (k == 2 ? rx : 0) | (wl == LONG ? 0x1C0 : 0xC0));
-        return with_ea(op, {}, ALL, wl);
+        uint16_t op = pick({0xDC00, 0x9C00, uint16_t(0xB000 | rx)});
+        return with_ea(uint16_t(op | (wl == LONG ? 0x1C0 : 0xC0)), {}, ALL, wl);
     }
     case 6: {  // ADDX SUBX (registers or -(Ay),-(Ax)), CMPM (Ay)+,(Ax)+
-        static const uint16_t base[] = {0xD100, 0x9100, 0xB108};
         unsigned k = rnd(3);
         int x = int(rnd(8)), y = int(rnd(8));
         bool memory = k == 2 || chance(50);
@@ -273,27 +271,22 @@ bool Generator::make_instruction() {
             y = base_register();
             if (x < 0 || y < 0 || (k != 2 && s == BYTE && (x == 7 || y == 7))) return false;
         }
-        w = {uint16_t(base[k] | x << 9 | size | (memory ? 8 : 0) | y)};
+        w = {uint16_t(pick({0xD100, 0x9100, 0xB108}, k) | x << 9 | size | (memory ? 8 : 0) | y)};
         return true;
     }
     case 7: {  // ABCD SBCD on valid BCD bytes (the CPUs differ on others); X, C compared
         unsigned x = rnd(8), y = rnd(8);
         auto bcd = [](uint32_t v) { return (v & 0x0F) <= 9 && (v & 0xF0) <= 0x90; };
-        if (!bcd(m.d[x]) || !bcd(m.d[y])) return false;
         w = {uint16_t((chance(50) ? 0xC100 : 0x8100) | x << 9 | y)};
         ccr_mask = SR_X | SR_C;
-        define_flags_next = true;
-        return true;
+        return define_flags_next = bcd(m.d[x]) && bcd(m.d[y]);
     }
-    case 8: {  // MULU MULS DIVU DIVS
-        static const uint16_t base[] = {0xC0C0, 0xC1C0, 0x80C0, 0x81C0};
-        return with_ea(uint16_t(base[rnd(4)] | rx), {}, DATA_MODES, WORD);
-    }
+    case 8:  // MULU MULS DIVU DIVS
+        return with_ea(uint16_t(pick({0xC0C0, 0xC1C0, 0x80C0, 0x81C0}) | rx), {}, DATA_MODES,
+                       WORD);
     case 9:  // CHK: Z, V and C are undefined on a 68000
-        if (!with_ea(uint16_t(0x4180 | rx), {}, DATA_MODES, WORD)) return false;
         ccr_mask = SR_X | SR_N;
-        define_flags_next = true;
-        return true;
+        return define_flags_next = with_ea(uint16_t(0x4180 | rx), {}, DATA_MODES, WORD);
     case 10: {  // BTST BCHG BCLR BSET, dynamic or static
         unsigned op = rnd(4);
         unsigned modes = op == 0 ? DATA_MODES : DATA_ALT;
@@ -306,23 +299,20 @@ bool Generator::make_instruction() {
         return true;
     case 12: {  // EXG Dx,Dy / Dx,A6 / A6,A6, SWAP, EXT.W, EXT.L, EXTB.L, MOVEQ
         uint16_t r = uint16_t(rnd(8));
-        const uint16_t ops[] = {uint16_t(0xC140 | rx | r), uint16_t(0xC188 | rx | 6), 0xCD4E,
-                                uint16_t(0x4840 | r), uint16_t(0x4880 | r), uint16_t(0x48C0 | r),
-                                uint16_t(0x49C0 | r), uint16_t(0x7000 | rx | rnd(256))};
-        w = {ops[rnd(8)]};
+        w = {pick({uint16_t(0xC140 | rx | r), uint16_t(0xC188 | rx | 6), 0xCD4E,
+                   uint16_t(0x4840 | r), uint16_t(0x4880 | r), uint16_t(0x48C0 | r),
+                   uint16_t(0x49C0 | r), uint16_t(0x7000 | rx | rnd(256))})};
         return true;
     }
     case 13: {  // Scc, TAS (not (A7)+ or -(A7))
         bool tas = chance(30);
-        if (!with_ea(tas ? 0x4AC0 : uint16_t(0x50C0 | rnd(16) << 8), {}, DATA_ALT, BYTE))
-            return false;
+        bool ok = with_ea(tas ? 0x4AC0 : uint16_t(0x50C0 | rnd(16) << 8), {}, DATA_ALT, BYTE);
         unsigned e = w[0] & 0x3F;
-        return !tas || (e != (AINC << 3 | 7) && e != (ADEC << 3 | 7));
+        return ok && !(tas && (e == (AINC << 3 | 7) || e == (ADEC << 3 | 7)));
     }
     case 14: {  // LEA to A6, PEA onto the stack in the data area
         bool pea = chance(30);
-        if (pea && !in_window(m.a[7])) return false;
-        return with_ea(pea ? 0x4840 : 0x4DC0, {}, CONTROL, LONG);
+        return (!pea || in_window(m.a[7])) && with_ea(pea ? 0x4840 : 0x4DC0, {}, CONTROL, LONG);
     }
     case 15: {  // MOVEM; loads only into data registers and A6, the bases stay put
         uint16_t sz = wl == LONG ? 0x40 : 0;
@@ -334,8 +324,7 @@ bool Generator::make_instruction() {
     }
     default:  // MOVE to CCR, ANDI/ORI/EORI to CCR
         if (chance(50)) return with_ea(0x44C0, {}, DATA_MODES, WORD);
-        static const uint16_t ops[] = {0x023C, 0x003C, 0x0A3C};
-        w = {ops[rnd(3)], uint16_t(rnd(256))};
+        w = {pick({0x023C, 0x003C, 0x0A3C}), uint16_t(rnd(256))};
         return true;
     }
 }
@@ -426,10 +415,8 @@ uint32_t be32(const std::vector<uint8_t>& b, size_t at) {
 int run_qemu(const std::vector<uint8_t>& elf, int program, std::vector<uint8_t>& out) {
     std::string path = std::string(ORVEL_TEST_BINARY_DIR) + "/qemu_diff_" +
                        std::to_string(getpid()) + "_" + std::to_string(program) + ".elf";
-    FILE* f = std::fopen(path.c_str(), "wb");
-    if (!f) return -1;
-    std::fwrite(elf.data(), 1, elf.size(), f);
-    std::fclose(f);
+    std::ofstream(path, std::ios::binary)
+        .write(reinterpret_cast<const char*>(elf.data()), long(elf.size()));
     chmod(path.c_str(), 0755);  // qemu runs only executable files
     FILE* p = popen(("ulimit -c 0; qemu-m68k -cpu m68000 " + path + " 2>/dev/null").c_str(), "r");
     uint8_t buf[65536];
@@ -449,8 +436,6 @@ std::string describe(const Expected& e) {
 
 // qemu's log against this CPU's states: the first difference, or "".
 std::string compare_log(const std::vector<uint8_t>& out, const std::vector<Expected>& expected) {
-    static const char* const names[] = {"d0", "d1", "d2", "d3", "d4", "d5", "d6", "d7",
-                                        "a0", "a1", "a2", "a3", "a4", "a5", "a6", "a7"};
     for (size_t i = 0; i < expected.size(); i++) {
         const Expected& e = expected[i];
         size_t at = i * LOG_ENTRY;
@@ -461,7 +446,8 @@ std::string compare_log(const std::vector<uint8_t>& out, const std::vector<Expec
         for (int r = 0; r < 16; r++) {
             uint32_t q = be32(out, at + 4 * size_t(r));
             if (q == e.reg[r]) continue;
-            std::snprintf(buf, sizeof buf, " %s=%08x(qemu %08x)", names[r], e.reg[r], q);
+            std::snprintf(buf, sizeof buf, " %c%d=%08x(qemu %08x)", "da"[r / 8], r % 8, e.reg[r],
+                          q);
             diff += buf;
         }
         uint16_t qccr = uint16_t(out[at + 65] & 0x1F);

@@ -33,9 +33,16 @@ struct State {
 struct Vector {
     std::string name;
     State before, after;
-    bool address_error = false;           // a transaction of kind 4 or 5
-    std::vector<uint32_t> bus_addresses;  // every address the bus cycles used
+    bool address_error = false;  // a transaction of kind 4 or 5
+    bool special = false;        // a RAM word or bus cycle in special memory
 };
+
+// Addresses at which this bus is not plain RAM: the custom chips and CIAs
+// decode there, and a long at $FFFFFE runs past the top of memory (the bus
+// faults instead of wrapping).
+bool special(uint32_t a) {
+    return (a >= 0xBFD000 && a <= 0xBFEFFF) || (a >= 0xDFF000 && a <= 0xDFF1FF) || a >= 0xFFFFFE;
+}
 
 // A bounds-checked little-endian reader; any overrun or wrong magic number
 // makes the file invalid.
@@ -55,7 +62,7 @@ struct Reader {
     void skip(int longs) { pos += 4 * size_t(longs); }
 };
 
-void read_state(Reader& r, State& s) {
+void read_state(Reader& r, State& s, bool& touches_special) {
     size_t start = r.pos;
     uint32_t length = r.u32();
     r.expect(0x01234567);
@@ -64,6 +71,7 @@ void read_state(Reader& r, State& s) {
     for (uint32_t i = 0, n = r.u32(); i < n && r.ok; i++) {
         uint32_t address = r.u32() & 0xFFFFFF;
         s.ram.push_back({address, uint16_t(r.get(2))});
+        touches_special |= special(address);
     }
     r.ok &= r.pos == start + length;
 }
@@ -84,8 +92,8 @@ bool parse_file(const std::string& path, std::vector<Vector>& out) {
         if (!r.ok || r.pos + name_length > bytes.size()) return false;
         v.name.assign(reinterpret_cast<const char*>(&bytes[r.pos]), name_length);
         r.pos += name_length;
-        read_state(r, v.before);
-        read_state(r, v.after);
+        read_state(r, v.before, v.special);
+        read_state(r, v.after, v.special);
         r.skip(1);  // transactions block length
         r.expect(0x456789AB);
         r.skip(1);  // cycles
@@ -93,7 +101,7 @@ bool parse_file(const std::string& path, std::vector<Vector>& out) {
             uint32_t kind = r.get(1);
             r.skip(kind ? 2 : 1);  // cycles, function code
             if (kind == 0) continue;
-            v.bus_addresses.push_back(r.u32() & 0xFFFFFF);
+            v.special |= special(r.u32() & 0xFFFFFF);
             r.skip(3);  // data, UDS, LDS
             v.address_error |= kind == 4 || kind == 5;
         }
@@ -148,20 +156,6 @@ bool uses_68020_index_bits(const Decoded& d, const Vector& v) {
     return false;
 }
 
-// Addresses at which this bus is not plain RAM: the custom chips and CIAs
-// decode there, and a long at $FFFFFE runs past the top of memory (the bus
-// faults instead of wrapping).
-bool touches_special_memory(const Vector& v) {
-    auto special = [](uint32_t a) {
-        return (a >= 0xBFD000 && a <= 0xBFEFFF) || (a >= 0xDFF000 && a <= 0xDFF1FF) ||
-               a >= 0xFFFFFE;
-    };
-    std::vector<uint32_t> all = v.bus_addresses;
-    for (const auto* ram : {&v.before.ram, &v.after.ram})
-        for (const RamWord& w : *ram) all.push_back(w.address);
-    return std::any_of(all.begin(), all.end(), special);
-}
-
 // The reference took an exception when it ended in supervisor mode at the
 // address held by one of the vectors the instruction set raises.
 bool takes_exception(const Vector& v) {
@@ -193,7 +187,7 @@ const char* file_skip_reason(const std::string& family) {
 const char* vector_skip_reason(const std::string& family, const Vector& v) {
     // No address errors: odd word and long accesses simply happen.
     if (v.address_error) return "address error";
-    if (touches_special_memory(v)) return "chip registers or top of memory";
+    if (v.special) return "chip registers or top of memory";
     Decoded d = decode_name(v.name);
     if (uses_68020_index_bits(d, v)) return "68020 index bits";
     // $FF announces a 32-bit displacement (68020).

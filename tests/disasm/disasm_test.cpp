@@ -31,13 +31,10 @@ TEST_F(DisasmTest, Syntax) {
         std::vector<uint16_t> words;
         const char* text;
     } cases[] = {
-        // Operands: registers, (An), (An)+, -(An), d16(An), abs.W and abs.L,
-        // immediates in the operation's size, PC-relative as the target.
+        // Operands (objdump checks the register forms): d16(An), abs.W and
+        // abs.L, immediates in the operation's size, PC-relative as the target.
         {{0x4E75}, "rts"},
-        {{0x2200}, "move.l  d0,d1"},
         {{0x3248}, "movea.w a0,a1"},  // seven columns exactly
-        {{0x30D8}, "move.w  (a0)+,(a0)+"},
-        {{0x2F10}, "move.l  (a0),-(a7)"},
         {{0x202E, 0xFFFC}, "move.l  -4(a6),d0"},
         {{0x3038, 0xFFFE}, "move.w  $fffe.w,d0"},
         {{0x13FC, 0x12FF, 0x00BF, 0xE001}, "move.b  #$ff,$bfe001.l"},
@@ -48,14 +45,12 @@ TEST_F(DisasmTest, Syntax) {
         // full format with base displacement, "z" for a suppressed base,
         // memory indirection consumed but not shown.
         {{0x2030, 0x1AFE}, "move.l  (-2,a0,d1.l*2),d0"},
-        {{0x2030, 0x3080}, "move.l  (-128,a0,d3.w),d0"},
         {{0x203B, 0xA0FF}, "move.l  (-1,pc,a2.w),d0"},
         {{0x2031, 0x1930, 0x0034, 0x5678}, "move.l  (3430008,a1,d1.l),d0"},
         {{0x2030, 0x8173, 0x0000, 0x1000, 0x0000, 0x0005}, "move.l  (4096,a0),d0"},
         {{0x2031, 0x3126, 0x0100, 0x0002}, "move.l  (256,a1,d3.w),d0"},
         {{0x2035, 0x01E0, 0x0010}, "move.l  (16,z),d0"},
         {{0x203B, 0x01A0, 0xFFF0}, "move.l  (-16,z,d0.w),d0"},
-        {{0x203B, 0x0920, 0x1234}, "move.l  (4660,pc,d0.l),d0"},
         {{0x2030, 0x0191}, "move.l  (0,z,d0.w),d0"},
         {{0x2030, 0x0100}, "move.l  (0,a0,d0.w),d0"},
         // The longest instruction there is: both operands full format with
@@ -65,53 +60,27 @@ TEST_F(DisasmTest, Syntax) {
         // Branch targets from the word after the opcode; DBcc from the
         // displacement word.
         {{0x60FE}, "bra     $1000"},
-        {{0x6EFC}, "bgt     $ffe"},
-        {{0x6100, 0xFFFE}, "bsr     $1000"},
         {{0x62FF, 0xFFFF, 0xE000}, "bhi     $fffff002"},
         {{0x51C8, 0xFFFE}, "dbf     d0,$1000"},
-        {{0x5ECF, 0x0000}, "dbgt    d7,$1002"},
-        {{0x57C0}, "seq     d0"},
-        {{0x4EAE, 0xFDD8}, "jsr     -552(a6)"},
-        {{0x41FA, 0x000E}, "lea     $1010(pc),a0"},
-        // Decimal: MOVEQ, quick, TRAP and LINK; hex: STOP, RTD, bit numbers.
+        // Decimal: MOVEQ, quick, TRAP and LINK; hex: RTD, bit numbers.
         {{0x70FF}, "moveq   #-1,d0"},
-        {{0x7E7F}, "moveq   #127,d7"},
         {{0x5088}, "addq.l  #8,a0"},
         {{0x4E4F}, "trap    #15"},
-        {{0x4E56, 0xFFF8}, "link.w  a6,#-8"},
         {{0x480D, 0x0001, 0x0000}, "link.l  a5,#65536"},
-        {{0x4E72, 0x2700}, "stop    #$2700"},
         {{0x4E74, 0x0008}, "rtd     #$8"},
         {{0x0800, 0x0003}, "btst    #$3,d0"},
-        {{0x013C, 0x00FF}, "btst    d0,#$ff"},
-        // Status register, CCR and USP forms.
+        // MOVE USP has no size.
         {{0x4E60}, "move    a0,usp"},
-        {{0x4E6F}, "move    usp,a7"},
-        {{0x40C0}, "move.w  sr,d0"},
-        {{0x42C1}, "move.w  ccr,d1"},
-        {{0x44FC, 0x001F}, "move.w  #$1f,ccr"},
-        {{0x003C, 0x0010}, "ori.b   #$10,ccr"},
-        {{0x027C, 0xF8FF}, "andi.w  #$f8ff,sr"},
         // Register lists, from either end.
         {{0x48E7, 0xFFFE}, "movem.l d0-d7/a0-a6,-(a7)"},
         {{0x4CDF, 0x7FFF}, "movem.l (a7)+,d0-d7/a0-a6"},
         {{0x4C90, 0x0180}, "movem.w (a0),d7/a0"},
         {{0x48D0, 0x0005}, "movem.l d0/d2,(a0)"},
         {{0x48E7, 0x0000}, "movem.l #0,-(a7)"},
-        // Two-operand register forms and the families with their own syntax.
-        {{0xD308}, "addx.b  -(a0),-(a1)"},
-        {{0xB308}, "cmpm.b  (a0)+,(a1)+"},
-        {{0xC18A}, "exg     d0,a2"},
-        {{0x8308}, "sbcd    -(a0),-(a1)"},
-        {{0x4800}, "nbcd    d0"},
+        // The families with a syntax of their own.
         {{0x0108, 0x0004}, "movep.w 4(a0),d0"},
         {{0x01C9, 0xFFFE}, "movep.l d0,-2(a1)"},
-        {{0x49C2}, "extb.l  d2"},
-        {{0x4181}, "chk.w   d1,d0"},
-        {{0xE548}, "lsl.w   #2,d0"},
         {{0xE080}, "asr.l   #8,d0"},
-        {{0xE330}, "roxl.b  d1,d0"},
-        {{0xE2D0}, "lsr.w   (a0)"},
         {{0xE9C0, 0x1104}, "bfextu  d0{4:4},d1"},
         {{0xE8D0, 0x0000}, "bftst   (a0){0:32}"},
         {{0xEBC0, 0x58A3}, "bfexts  d0{d2:d3},d5"},
