@@ -29,6 +29,7 @@
 
 #include "cpu/cpu.h"
 #include "cpu/cpu_helpers.h"
+#include "disasm/disasm.h"
 #include "test_machine.h"
 
 #ifdef _WIN32
@@ -79,10 +80,11 @@ bool in_window(uint32_t a) { return a - (DATA_CENTER - BASE_WINDOW) < 2 * BASE_W
 
 enum Size { BYTE, WORD, LONG };
 
-struct Expected {
-    uint32_t reg[16];
-    uint16_t ccr, ccr_mask;  // the mask: codes both CPUs define alike here
-    std::vector<uint16_t> words;
+// An instruction whose state is logged: where it is and the condition codes
+// both CPUs define alike there.
+struct Logged {
+    uint32_t address;
+    uint16_t ccr_mask;
 };
 
 // A static big-endian ELF32 for m68k with one RWX segment that also holds
@@ -112,7 +114,7 @@ struct Generator {
     Machine& m;
     std::mt19937_64 rng;
     std::vector<uint8_t> initial_data;
-    std::vector<Expected> expected;
+    std::vector<Logged> logged;  // this CPU's log is at LOG in chip RAM
     int rejected = 0;
     uint32_t at = CODE;  // where the next instruction goes
     uint32_t span = 4;   // bytes a PC-relative operand may read
@@ -385,19 +387,17 @@ bool Generator::build() {
                 rejected++;
                 continue;
             }
-            Expected e{{}, uint16_t(m.sr & 0x1F), ccr_mask, w};
-            std::copy(m.d, m.d + 8, e.reg);
-            std::copy(m.a, m.a + 8, e.reg + 8);
             // A division that overflowed sets V alone here; N, Z, C are undefined.
-            if ((w[0] & 0xF0C0) == 0x80C0 && (m.sr & SR_V)) {
-                e.ccr_mask = SR_X | SR_V;
-                define_flags_next = true;
-            }
-            expected.push_back(e);
+            if ((w[0] & 0xF0C0) == 0x80C0 && (m.sr & SR_V))
+                ccr_mask = SR_X | SR_V, define_flags_next = true;
+            logged.push_back({start, ccr_mask});
+            uint32_t entry = LOG + uint32_t(i) * LOG_ENTRY;
+            for (int r = 0; r < 8; r++) write32(m, entry + 4 * r, m.d[r]);
+            for (int r = 0; r < 8; r++) write32(m, entry + 32 + 4 * r, m.a[r]);
+            write16(m, entry + 64, m.sr & 0x1F);  // bits 7-5 may be set here (MOVE to CCR)
             // qemu's side only: MOVEM.L D0-A7,entry; MOVE SR,entry+64; then
             // MOVE entry+64,CCR, without which qemu 7.2 miscomputes a memory
             // BSET/BCHG/BCLR after a compare whose flags MOVE from SR read.
-            uint32_t entry = LOG + uint32_t(i) * LOG_ENTRY;
             emit({0x48F9, 0xFFFF, entry, 0x40F9, entry + 64, 0x44F9, entry + 64});
             done = true;
         }
@@ -405,10 +405,6 @@ bool Generator::build() {
     }
     emit({0x7800, 0x4EF9, HANDLER + 2});  // MOVEQ #0,D4; JMP to the write-out
     return true;
-}
-
-uint32_t be32(const std::vector<uint8_t>& b, size_t at) {
-    return uint32_t(b[at]) << 24 | uint32_t(b[at + 1]) << 16 | uint32_t(b[at + 2]) << 8 | b[at + 3];
 }
 
 // Runs the program under qemu; its exit status (-1 when it did not run) and output.
@@ -427,37 +423,36 @@ int run_qemu(const std::vector<uint8_t>& elf, int program, std::vector<uint8_t>&
     return rc != -1 && WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
 }
 
-std::string describe(const Expected& e) {
+// The instruction at an address: its words and its disassembly.
+std::string describe(Machine& m, uint32_t address) {
+    char text[96], word[8];
     std::string s;
-    char buf[8];
-    for (uint16_t w : e.words) std::snprintf(buf, sizeof buf, "%04x ", w), s += buf;
-    return s + "(" + op_name(e.words[0]) + ")";
+    for (uint32_t a = address, end = a + disasm_one(m, a, text); a < end; a += 2)
+        std::snprintf(word, sizeof word, "%04x ", chip_peek16(m, a)), s += word;
+    return s + text;
 }
 
-// qemu's log against this CPU's states: the first difference, or "".
-std::string compare_log(const std::vector<uint8_t>& out, const std::vector<Expected>& expected) {
-    for (size_t i = 0; i < expected.size(); i++) {
-        const Expected& e = expected[i];
-        size_t at = i * LOG_ENTRY;
-        std::string where = "instruction " + std::to_string(i) + ": " + describe(e);
-        if (be32(out, at + 60) == 0) return "qemu trapped at " + where;  // A7 is never 0
-        std::string diff;
-        char buf[80];
-        for (int r = 0; r < 16; r++) {
-            uint32_t q = be32(out, at + 4 * size_t(r));
-            if (q == e.reg[r]) continue;
-            std::snprintf(buf, sizeof buf, " %c%d=%08x(qemu %08x)", "da"[r / 8], r % 8, e.reg[r],
-                          q);
-            diff += buf;
+// qemu's log against this CPU's at LOG in chip RAM: the first difference, or "".
+std::string compare_log(Machine& m, const std::vector<uint8_t>& out,
+                        const std::vector<Logged>& logged) {
+    for (size_t i = 0; i < logged.size(); i++) {
+        const uint8_t *ours = m.chip_ram + LOG + i * LOG_ENTRY, *qemu = &out[i * LOG_ENTRY];
+        if (!std::memcmp(ours, qemu, 64) && !((ours[65] ^ qemu[65]) & logged[i].ccr_mask)) continue;
+        std::string s = "instruction " + std::to_string(i) + ": " +
+                        describe(m, logged[i].address) + " after " +
+                        (i ? describe(m, logged[i - 1].address) : "the start") +
+                        "\n  d0-d7, a0-a7, SR (CCR compared: " +
+                        std::to_string(logged[i].ccr_mask) + ")";
+        for (const uint8_t* p : {ours, qemu}) {
+            s += p == ours ? "\n  ours: " : "\n  qemu: ";
+            char b[12];
+            for (int k = 0; k < 66; k += 2) {  // longs, then the SR word
+                std::snprintf(b, sizeof b, k % 4 || k == 64 ? "%02x%02x " : "%02x%02x", p[k],
+                              p[k + 1]);
+                s += b;
+            }
         }
-        uint16_t qccr = uint16_t(out[at + 65] & 0x1F);
-        if ((qccr ^ e.ccr) & e.ccr_mask) {
-            std::snprintf(buf, sizeof buf, " ccr=%02x(qemu %02x, compared %02x)", e.ccr, qccr,
-                          e.ccr_mask);
-            diff += buf;
-        }
-        if (!diff.empty())
-            return where + diff + "; after " + (i ? describe(expected[i - 1]) : "the start");
+        return s;
     }
     return "";
 }
@@ -486,7 +481,7 @@ TEST(QemuDiff, RandomInstructionStreamsAgreeWithQemu) {
             "program " + std::to_string(p) + " (ORVEL_DIFF_SEED=" + std::to_string(seed) + "): ";
         ASSERT_EQ(out.size(), log_size + DATA_SIZE)
             << where << "qemu did not run (status " << status << ")";
-        std::string diff = compare_log(out, g.expected);
+        std::string diff = compare_log(m, out, g.logged);
         ASSERT_EQ(diff, "") << where << diff;
         ASSERT_EQ(status, 0) << where << "qemu trapped after the last instruction";
         uint8_t* data = m.chip_ram + DATA;
