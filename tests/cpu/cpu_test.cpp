@@ -69,6 +69,8 @@ TEST_F(Cpu, SingleInstructionRules) {
          0x270B, 0x10000, 0, SSP},
         {"DIVS.W #-1 of $80000000 overflows", {0x81FC, 0xFFFF}, 0x2704, 0x80000000, 0, NEXT,
          0x2706, 0x80000000, 0, SSP},
+        {"DIVS.W #-2 of 65536: -32768 fits", {0x81FC, 0xFFFE}, 0x2700, 0x10000, 0, NEXT, 0x2708,
+         0x8000, 0, SSP},
         {"ABCD D0,D0 of 0 clears Z, keeps V", {0xC100}, 0x2706, 0, 0, NEXT, 0x2702, 0, 0, SSP},
         {"BSR.L", {0x61FF, 0x0000, 0x0100}, 0x2700, 0, 0, CODE + 0x102, 0x2700, 0, 0, SSP - 4,
          CODE + 6},
