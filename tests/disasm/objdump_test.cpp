@@ -93,12 +93,17 @@ std::string canon_ours_operand(const std::string& op, uint32_t mask) {
         std::vector<std::string> parts = split_operands(op.substr(1, op.size() - 2));
         std::string index = parts.size() > 2 ? "," + parts[2] : "";
         if (parts[1] == "pc") return "pcidx:" + parts[0] + index;
-        if (index.empty()) return "full:" + parts[0] + "(" + parts[1] + ")";
+        // objdump shows a full-format base displacement in 64-bit hex, and
+        // without an index the same way as d16(An).
+        char bd[24];
+        std::snprintf(bd, sizeof bd, "%llx", (long long)std::atol(parts[0].c_str()));
+        if (index.empty() && parts[1] == "z") return "full:" + parts[0] + "(z)";
+        if (index.empty()) return "amb:" + std::string(bd) + "(" + parts[1] + ")";
         return "idx:" + parts[0] + "(" + parts[1] + index + ")";
     }
     size_t digit = op[0] == '-';
     if (op.size() > digit && std::isdigit(uint8_t(op[digit])) && op.back() == ')')
-        return "d16:" + op;
+        return "amb:" + op;
     return op;
 }
 
@@ -133,7 +138,7 @@ std::string canon_mit_operand(const std::string& op, uint32_t mask) {
     int32_t bd_hex = int32_t(uint32_t(std::strtoull(bd.c_str(), nullptr, 16)));
     if (base == "%pc") return "pcabs:" + hex(uint32_t(bd_hex)) + index;
     std::string b = (base.empty() || base == "%zpc") ? "z" : reg(base);
-    if (groups.size() == 1 && index.empty() && b != "z") return "amb:" + bd + "(" + b + ")";
+    if (index.empty() && b != "z") return "amb:" + bd + "(" + b + ")";
     return (index.empty() ? "full:" : "idx:") + std::to_string(bd_hex) + "(" + b + index + ")";
 }
 
@@ -148,14 +153,6 @@ bool operand_agrees(const std::string& ours, const std::string& mit, const Sampl
     if (ob != std::string::npos && mb != std::string::npos)
         return ours.substr(ob) == mit.substr(mb) &&
                operand_agrees(ours.substr(0, ob), mit.substr(0, mb), s);
-    if (mit.starts_with("amb:")) {
-        // objdump prints d16(An) in decimal and a full-format base
-        // displacement without index in hex, in the same form.
-        std::string bd = mit.substr(4, mit.find('(') - 4), base = mit.substr(mit.find('('));
-        if (ours.starts_with("d16:"))
-            return ours == "d16:" + std::to_string(std::atol(&bd[0])) + base;
-        return ours == "full:" + std::to_string(int32_t(std::strtoul(&bd[0], nullptr, 16))) + base;
-    }
     if (!mit.starts_with("pcabs:")) return false;
     size_t comma = mit.find(',');
     uint32_t target = uint32_t(std::strtoul(&mit[6], nullptr, 16));
