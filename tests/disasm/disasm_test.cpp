@@ -57,6 +57,22 @@ TEST(Disasm, Syntax) {
     EXPECT_EQ(da_table_overlaps(), 0u);  // every opcode word has at most one form
 }
 
+// A player header, a register save and the longest indexed form, as the
+// listing commands print them: at most five words, the rest of a long
+// instruction is not shown.
+TEST(Disasm, PrintPinsListingLines) {
+    MachinePtr m = make_machine();
+    put_words(*m, 0x1000, {0x70FF, 0x4E75, 0x48E7, 0xFFFE, 0x2030, 0x8173, 0x0000, 0x1000, 0x0000,
+                           0x0005});
+    ::testing::internal::CaptureStdout();
+    disasm_print(*m, 0x1000, 4);
+    EXPECT_EQ(::testing::internal::GetCapturedStdout(),
+              "00001000: 70ff                      moveq   #-1,d0\n"
+              "00001002: 4e75                      rts\n"
+              "00001004: 48e7 fffe                 movem.l d0-d7/a0-a6,-(a7)\n"
+              "00001008: 2030 8173 0000 1000 0000  move.l  (4096,a0),d0\n");
+}
+
 // Reading CIA registers changes them (time of day, interrupt control); the
 // disassembler shows what the CPU would fetch and leaves the machine as it was.
 TEST(Disasm, ReadsInTheChipAreasLeaveTheMachineAlone) {
