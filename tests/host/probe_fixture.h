@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -18,16 +19,11 @@
 #include "playback/engine.h"
 #include "test_machine.h"
 
-enum Probe {
-#define PROBE_ENUM(name) P_##name,
-    PROBE_ROUTINES(PROBE_ENUM)
-#undef PROBE_ENUM
-};
+enum Probe { P_LIB, P_FPTR, P_NEG, P_RAW };
 
 // Registers handed to a probe; the others keep whatever they hold.
 struct Regs {
-    uint32_t d0 = 0, d1 = 0, d2 = 0, d3 = 0;
-    uint32_t a0 = 0, a1 = 0;
+    uint32_t d0 = 0, d1 = 0, d2 = 0, d3 = 0, a0 = 0, a1 = 0;
     uint32_t a4 = 0;   // LIB: the library base
     int32_t d7 = 0;    // LIB: LVO; FPTR: index; NEG: negative offset
     uint16_t ccr = 0;  // condition codes at the call
@@ -41,11 +37,6 @@ struct Seen {
 
 constexpr uint16_t CCR_MASK = SR_X | SR_N | SR_Z | SR_V | SR_C;
 constexpr uint32_t SCRATCH = 0x300000;  // chip RAM no one else uses
-
-// The flags TST.L D0 leaves, with X from before the call.
-inline uint16_t tst_flags(uint32_t d0, uint16_t ccr_in) {
-    return uint16_t((ccr_in & SR_X) | ((d0 & 0x80000000u) ? SR_N : d0 == 0 ? SR_Z : 0));
-}
 
 struct ProbeTest : ::testing::Test {
     MachinePtr mp = make_machine();
@@ -66,12 +57,12 @@ struct ProbeTest : ::testing::Test {
     void TearDown() override { dos_close_all(m); }
 
     uint32_t routine(Probe p) { return read32(m, read32(m, entry + 16) + 4 * uint32_t(p)); }
+    uint32_t node() { return read32(m, entry + 24); }
+    uint32_t st(uint32_t offset) { return read32(m, state + offset); }
 
     Seen call(Probe p, const Regs& r = {}) {
-        m.d[0] = r.d0;
-        m.d[1] = r.d1;
-        m.d[2] = r.d2;
-        m.d[3] = r.d3;
+        const uint32_t d[] = {r.d0, r.d1, r.d2, r.d3};
+        std::copy(d, d + 4, m.d);
         m.d[6] = r.ccr;
         m.d[7] = uint32_t(r.d7);
         m.a[0] = r.a0;
@@ -81,42 +72,42 @@ struct ProbeTest : ::testing::Test {
         deli_call(m, routine(p));
         uint16_t sr = read16(m, state + ST_SR);
         EXPECT_NE(sr, 0xFFFF) << "probe " << int(p) << " did not come back";
-        return {read32(m, state + ST_D0), read32(m, state + ST_D1), read32(m, state + ST_A0),
-                read32(m, state + ST_A1), uint16_t(sr & CCR_MASK)};
+        return {st(ST_D0), st(ST_D1), st(ST_A0), st(ST_A1), uint16_t(sr & CCR_MASK)};
     }
-
-    // A call of library function `lvo` through the base in A6.
+    // Library function `lvo` called through its base in A6.
     Seen lib(uint32_t base, int lvo, Regs r = {}) {
         r.a4 = base;
         r.d7 = lvo;
         return call(P_LIB, r);
     }
-
     // One A-line opcode executed inside the player.
     Seen raw(uint16_t opcode, const Regs& r = {}) {
         write16(m, routine(P_RAW) + RAW_OPCODE, opcode);
         return call(P_RAW, r);
     }
-
+    // D0 as wanted, with the flags TST.L D0 leaves and X from before the call.
+    static void expect_d0(const Seen& s, uint32_t want, uint16_t ccr_in = CCR_MASK) {
+        EXPECT_EQ(s.d0, want);
+        EXPECT_EQ(s.ccr, (ccr_in & SR_X) | ((want & 0x80000000u) ? SR_N : want == 0 ? SR_Z : 0));
+    }
     uint32_t put(const std::string& s, uint32_t at = SCRATCH) {
         put_string(m, at, s);
         return at;
     }
-    uint32_t st(uint32_t offset) { return read32(m, state + offset); }
 };
 
 // A directory of its own under the system's temporary directory, removed
 // with everything in it.
 struct TempDir {
-    std::filesystem::path path;
-
-    TempDir() {
+    const std::filesystem::path path = [] {
         static int serial = 0;
         auto stamp = std::chrono::steady_clock::now().time_since_epoch().count();
-        path = std::filesystem::temp_directory_path() /
-               ("orvel-host-" + std::to_string(stamp) + "-" + std::to_string(serial++));
-        std::filesystem::create_directories(path);
-    }
+        auto p = std::filesystem::temp_directory_path() /
+                 ("orvel-host-" + std::to_string(stamp) + "-" + std::to_string(serial++));
+        std::filesystem::create_directories(p);
+        return p;
+    }();
+
     ~TempDir() {
         std::error_code ec;
         std::filesystem::remove_all(path, ec);
@@ -130,32 +121,27 @@ struct TempDir {
 
     static std::string write_file(const std::filesystem::path& p, const std::vector<uint8_t>& bytes) {
         std::filesystem::create_directories(p.parent_path());
-        if (FILE* f = std::fopen(p.string().c_str(), "wb")) {
-            if (!bytes.empty()) std::fwrite(bytes.data(), 1, bytes.size(), f);
-            std::fclose(f);
-        }
+        std::ofstream f(p, std::ios::binary);
+        if (!bytes.empty()) f.write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
         return p.generic_string();
     }
 };
 
 // A file in the test executable's data directory, removed afterwards with
-// the directories made for it.
+// the directories it leaves empty.
 struct DataFile {
     std::filesystem::path path;
-    std::vector<std::filesystem::path> made;
 
     DataFile(const std::string& name, const std::vector<uint8_t>& bytes) {
         char buffer[4096];
         data_path(buffer, sizeof buffer, name.c_str());
         path = buffer;
-        for (auto p = path.parent_path(); !p.empty() && !std::filesystem::exists(p); p = p.parent_path())
-            made.push_back(p);
         TempDir::write_file(path, bytes);
     }
     ~DataFile() {
         std::error_code ec;
-        std::filesystem::remove(path, ec);
-        for (const auto& p : made) std::filesystem::remove(p, ec);
+        for (auto p = path; std::filesystem::remove(p, ec); p = p.parent_path()) {
+        }
     }
 };
 
