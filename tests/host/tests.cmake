@@ -4,12 +4,10 @@
 set(amiga ${CMAKE_CURRENT_SOURCE_DIR}/host/amiga)
 set(amiga_inc ${CMAKE_SOURCE_DIR}/players/include)
 orvel_add_amiga_program(NAME test_reloc SOURCES ${amiga}/reloc.s)
-orvel_add_amiga_program(NAME test_player SOURCES ${amiga}/player.s ${amiga}/player.c
-                        INCLUDES ${amiga_inc})
 orvel_add_amiga_program(NAME test_arith SOURCES ${amiga}/arith_player.s ${amiga}/arith.c
                         INCLUDES ${amiga_inc})
 orvel_add_amiga_program(NAME test_probe SOURCES ${amiga}/probe.S INCLUDES ${amiga_inc})
-orvel_use_amiga_programs(test_host test_reloc test_player test_arith test_probe skeleton)
+orvel_use_amiga_programs(test_host test_reloc test_arith test_probe skeleton)
 
 target_sources(test_host PRIVATE ${CMAKE_SOURCE_DIR}/tools/elf2hunk.cpp)
 target_include_directories(test_host PRIVATE ${CMAKE_SOURCE_DIR}/tools)
