@@ -30,7 +30,7 @@ if(ORVEL_HAVE_M68K)
   # The runtime against a reference 68000: qemu-m68k runs the same C.
   find_program(ORVEL_QEMU_M68K qemu-m68k)
   if(ORVEL_QEMU_M68K AND NOT WIN32)
-    orvel_add_amiga_elf(NAME test_arith_qemu SOURCES ${amiga}/arith_qemu.s ${amiga}/arith.c
+    orvel_add_amiga_elf(NAME test_arith_qemu SOURCES ${amiga}/arith.c DEFINES ARITH_QEMU
                         LINKER_SCRIPT ${amiga}/qemu.ld)
     add_dependencies(test_host amiga_test_arith_qemu_elf)
     target_compile_definitions(test_host PRIVATE

@@ -52,21 +52,20 @@ enum { ARITH_RESULTS = ARITH_CASES * ARITH_PER_CASE + MEM_OPS + ARITH_PER_CASE }
 /* The result of memcmp is only defined by its sign. */
 static int arith_sign(int v) { return v < 0 ? -1 : v > 0; }
 
+/* Product, unsigned quotient and remainder, signed quotient and remainder. */
+static void arith_pair(int a, int b, arith_u32* r) {
+    arith_u32 ua = (arith_u32)a, ub = (arith_u32)b;
+    r[0] = ua * ub, r[1] = ua / ub, r[2] = ua % ub;
+    r[3] = (arith_u32)(a / b), r[4] = (arith_u32)(a % b);
+}
+
 static void arith_compute(arith_u32* results, unsigned char* buffer) {
     /* Read through volatile so that nothing is folded at compile time. */
     const volatile int(*cases)[2] = arith_cases;
     const volatile int(*ops)[5] = mem_ops;
-    int i;
-    for (i = 0; i < ARITH_CASES; i++) {
-        int a = cases[i][0], b = cases[i][1];
-        arith_u32 ua = (arith_u32)a, ub = (arith_u32)b;
-        arith_u32* r = results + i * ARITH_PER_CASE;
-        r[0] = ua * ub;
-        r[1] = ua / ub;
-        r[2] = ua % ub;
-        r[3] = (arith_u32)(a / b);
-        r[4] = (arith_u32)(a % b);
-    }
+    arith_u32 seed = 12345, v[ARITH_PER_CASE], *fold = results + ARITH_CASES * ARITH_PER_CASE + MEM_OPS;
+    int i, k;
+    for (i = 0; i < ARITH_CASES; i++) arith_pair(cases[i][0], cases[i][1], results + i * ARITH_PER_CASE);
     for (i = 0; i < MEM_BUFFER; i++) buffer[i] = (unsigned char)(i * 7 + 3);
     for (i = 0; i < MEM_OPS; i++) {
         unsigned char* d = buffer + ops[i][1];
@@ -79,26 +78,17 @@ static void arith_compute(arith_u32* results, unsigned char* buffer) {
         if (kind == MEM_CMP) r = (arith_u32)arith_sign(memcmp(d, s, len));
         results[ARITH_CASES * ARITH_PER_CASE + i] = r;
     }
-    {
-        arith_u32 seed = 12345, fold[ARITH_PER_CASE] = {0, 0, 0, 0, 0};
-        int k;
-        for (i = 0; i < ARITH_RANDOM; i++) {
-            arith_u32 ua, ub, v[ARITH_PER_CASE];
-            int a, b;
-            /* xorshift: no multiply, so the generator does not test itself */
-            seed ^= seed << 13, seed ^= seed >> 17, seed ^= seed << 5;
-            ua = seed;
-            seed ^= seed << 13, seed ^= seed >> 17, seed ^= seed << 5;
-            ub = seed >> (seed & 31); /* divisors of every width */
-            if (ub == 0) continue;
-            a = (int)ua, b = (int)ub;
-            if (ua == 0x80000000u && ub == 0xFFFFFFFFu) continue;
-            v[0] = ua * ub, v[1] = ua / ub, v[2] = ua % ub;
-            v[3] = (arith_u32)(a / b), v[4] = (arith_u32)(a % b);
-            for (k = 0; k < ARITH_PER_CASE; k++) fold[k] = (fold[k] << 5 | fold[k] >> 27) ^ v[k];
-        }
-        for (k = 0; k < ARITH_PER_CASE; k++)
-            results[ARITH_CASES * ARITH_PER_CASE + MEM_OPS + k] = fold[k];
+    for (k = 0; k < ARITH_PER_CASE; k++) fold[k] = 0;
+    for (i = 0; i < ARITH_RANDOM; i++) {
+        arith_u32 ua, ub;
+        /* xorshift: no multiply, so the generator does not test itself */
+        seed ^= seed << 13, seed ^= seed >> 17, seed ^= seed << 5;
+        ua = seed;
+        seed ^= seed << 13, seed ^= seed >> 17, seed ^= seed << 5;
+        ub = seed >> (seed & 31); /* divisors of every width */
+        if (ub == 0 || (ua == 0x80000000u && ub == 0xFFFFFFFFu)) continue;
+        arith_pair((int)ua, (int)ub, v);
+        for (k = 0; k < ARITH_PER_CASE; k++) fold[k] = (fold[k] << 5 | fold[k] >> 27) ^ v[k];
     }
 }
 
