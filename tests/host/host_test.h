@@ -1,6 +1,5 @@
-// Helpers for the player-host tests: big-endian file images, code placed in
-// chip RAM, the Amiga programs built from tests/host/amiga, and stderr
-// capture.
+// Helpers for the player-host tests: big-endian images, chip RAM contents,
+// the Amiga programs built from tests/host/amiga, stderr capture, damage.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -15,6 +14,13 @@
 
 #include "cpu/bus.h"
 #include "machine.h"
+#include "test_machine.h"
+
+// A zeroed machine, m, for each test.
+struct MachineTest : ::testing::Test {
+    MachinePtr mp = make_machine();
+    Machine& m = *mp;
+};
 
 // A file image from big-endian longwords.
 inline std::vector<uint8_t> be_longs(const std::vector<uint32_t>& longs) {
@@ -38,45 +44,49 @@ inline std::string get_string(Machine& m, uint32_t address, size_t max = 4096) {
     return s;
 }
 
-inline std::vector<uint8_t> read_host_file(const std::string& path) {
-    std::ifstream f(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>()};
+// The longwords at the given addresses, to compare several at once.
+inline std::vector<uint32_t> longs_at(Machine& m, std::initializer_list<uint32_t> addresses) {
+    std::vector<uint32_t> out;
+    for (uint32_t a : addresses) out.push_back(read32(m, a));
+    return out;
 }
 
-// The hunk file of an Amiga program built for the tests; the test is skipped
-// when the build had no m68k cross tools.
-#define AMIGA_PROGRAM(var, path)                                                     \
-    std::vector<uint8_t> var;                                                        \
-    do {                                                                             \
-        if (std::string(path).empty())                                               \
-            GTEST_SKIP() << "Amiga programs not built (no m68k cross tools)";        \
-        var = read_host_file(path);                                                  \
-        ASSERT_FALSE(var.empty()) << "cannot read " << (path);                       \
-    } while (0)
+// An Amiga program built for the tests; skipped without m68k cross tools.
+#define AMIGA_PROGRAM(var, path)                                                                     \
+    if (std::string(path).empty()) GTEST_SKIP() << "Amiga programs not built (no m68k cross tools)"; \
+    std::ifstream var##_in(path, std::ios::binary);                                                  \
+    const std::vector<uint8_t> var{std::istreambuf_iterator<char>(var##_in), {}};                     \
+    ASSERT_FALSE(var.empty()) << "cannot read " << (path)
 
-// Runs f with stderr captured; returns what it printed (without the
-// carriage returns of Windows text mode).
+// What f prints to stderr, without the carriage returns of Windows text mode.
 template <typename F>
 std::string stderr_of(F&& f) {
     testing::internal::CaptureStderr();
-    f();
-    std::fflush(stderr);
+    f(), std::fflush(stderr);
     std::string s = testing::internal::GetCapturedStderr();
-    std::erase(s, '\r');
-    return s;
+    return std::erase(s, '\r'), s;
 }
 
-// One to four random edits of a file: a byte replaced or flipped, a
-// longword made huge, or the end cut off.
-inline void damage(std::mt19937& rng, std::vector<uint8_t>& file) {
-    for (int e = 1 + int(rng() % 4); e > 0 && !file.empty(); e--) {
-        size_t at = rng() % file.size();
-        switch (rng() % 4) {
-        case 0: file[at] = uint8_t(rng()); break;
-        case 1: file[at] ^= uint8_t(1u << (rng() % 8)); break;
-        case 2: file[at & ~size_t(3)] = 0x80 | uint8_t(rng() & 0x7F); break;
-        default: file.resize(at); break;
+// Runs f on `rounds` copies of `file`, each with one to four random edits (a
+// byte replaced or flipped, a longword made huge, the end cut off); f says
+// whether it accepted the copy, and both outcomes must occur.
+template <typename F>
+void fuzz(std::vector<uint8_t> file, uint32_t seed, int rounds, F&& f) {
+    std::mt19937 rng(seed);
+    int accepted = 0;
+    for (int round = 0; round < rounds; round++) {
+        std::vector<uint8_t> v = file;
+        for (int e = 1 + int(rng() % 4); e > 0 && !v.empty(); e--) {
+            const size_t at = rng() % v.size(), kind = rng() % 4;
+            const uint8_t r = uint8_t(rng());
+            if (kind == 0) v[at] = r;
+            if (kind == 1) v[at] ^= uint8_t(1 << (r % 8));
+            if (kind == 2) v[at & ~size_t(3)] = 0x80 | r;
+            if (kind == 3) v.resize(at);
         }
+        v.shrink_to_fit();  // no spare capacity for an overread to hide in
+        accepted += f(v, round) ? 1 : 0;
     }
-    file.shrink_to_fit();  // no spare capacity for an overread to hide in
+    EXPECT_GT(accepted, 0);
+    EXPECT_LT(accepted, rounds);
 }

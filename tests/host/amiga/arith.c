@@ -7,9 +7,7 @@ unsigned char arith_buffer[MEM_BUFFER];
 void arith_run(void) { arith_compute(arith_results, arith_buffer); }
 
 #ifdef ARITH_QEMU
-/* Under qemu-m68k's Linux user mode: the results, then the buffer, to
-   standard output. A Linux m68k system call takes its number in D0 and its
-   arguments from D1. */
+/* Under qemu-m68k's Linux user mode, results and buffer to stdout; system call number in D0, arguments from D1. */
 static void linux_call(long number, long a, long b, long c) {
     register long d0 __asm__("d0") = number;
     register long d1 __asm__("d1") = a;
