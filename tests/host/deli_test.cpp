@@ -2,6 +2,8 @@
 // load. The functions behind the slots are in hostcall_test.cpp.
 #include <gtest/gtest.h>
 
+#include <cmath>
+
 #include "host/deli.h"
 #include "host_test.h"
 #include "test_machine.h"
@@ -39,6 +41,7 @@ TEST_F(DeliTest, InitClearsTheLastSongsState) {
                   m.ciares_enable[1] | m.ciares_pending[0] | m.file_list_count, 0u);
     EXPECT_EQ(m.file_list_top | m.alloc_slab, MODULE_ADDR | SLAB_START);
     EXPECT_EQ(m.dmacon & 0x0200, 0x0200);  // master DMA enable, as AllocAudio would
+    EXPECT_EQ(read16(m, DELI_BASE + 0x36), std::lround(709379 / 50.0));  // CIA ticks of a 50 Hz interrupt
 }
 
 TEST_F(DeliTest, ModulePathAndStrings) {
@@ -61,6 +64,8 @@ TEST_F(DeliTest, ModulePathAndStrings) {
     put_string(m, 0x1000, "ab");
     deli_str_append(m, 0x1000, 0x1000);
     EXPECT_EQ(read16(m, 0x1002), 0x6162);
+    // The names of the negative slots end with their table.
+    EXPECT_EQ(std::string(deli_neg_name(-390)) + deli_neg_name(-396) + deli_neg_name(6), "GetHardwareType");
 }
 
 TEST_F(DeliTest, TagScanNeedsARoutineToDrive) {

@@ -102,6 +102,7 @@ TEST_F(DosTest, Companions) {
     deli_set_module(m, MODULE_ADDR, MODULE_WINDOW_END - MODULE_ADDR - 5);
     EXPECT_EQ(stderr_of([&] { expect_d0(call(P_FPTR, {.d7 = 1, .ccr = CCR_MASK}), 1); }),
               "deli_load_companion: '" + smp + "' (5 bytes) overflows chip RAM\n");
+    EXPECT_EQ(call(P_FPTR, {.a0 = put(tmp.file("empty", {}), PATH_BUFFER), .d7 = 1}).d0, 1u);  // nothing to load
     EXPECT_EQ(call(P_FPTR, {.a0 = put(tmp.file("four", {1, 2, 3, 4}), PATH_BUFFER), .d7 = 1}).d0, 0u);
     EXPECT_EQ(m.file_list_addr[1] + m.file_list_len[1], MODULE_WINDOW_END);
 }

@@ -48,6 +48,7 @@ TEST_F(HunkTest, FilesLoadedOrRefused) {
         {be_longs({H, 0, 1, 0, 0, 2, CODE, 0xFFFFFFFF, 0}), SHORT},  // past 4 GiB
         {be_longs({H, 0, 1, 0, 0, 1, 0x400003EC, 0}), "hunk: unexpected tag 000003ec at hunk 0\n"},  // flags masked
         {code1({CODE, 1, 0, END}), "hunk: unhandled sub-tag 000003e9\n"}, {code1({RELOC32}), SHORT_RELOC},
+        {code1({0x3ED, 0, END}), "hunk: unhandled sub-tag 000003ed\n"},  // HUNK_RELOC16
         {code1({0x400003F2}), "hunk: unhandled sub-tag 400003f2\n"},  // sub-tags are not masked
         {code1({RELOC32, 1, 1, 0, 0, END}), "hunk: reloc target 1 out of range\n"}, {code1({NAME}), ""},
         {code1({RELOC32, 3, 0, 0}), SHORT_RELOC}, {code1({SYMBOL, 1, 0x41000000, 7}), ""},
