@@ -1,14 +1,14 @@
-// The host-call probe player (amiga/probe.S) in a machine reset as a play
-// mode does it, its routines called with chosen registers, and scratch
-// files for the dos tests.
+// Host calls made as a player makes them: a stub in the player's memory
+// calls the slot with chosen registers and condition codes and keeps the
+// SR it returns with. Scratch files for the dos tests.
 #pragma once
 
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
-#include "amiga/probe.h"
 #include "cli/config.h"
 #include "cpu/cpu.h"
 #include "host/deli.h"
@@ -18,145 +18,77 @@
 #include "playback/engine.h"
 #include "test_machine.h"
 
-enum Probe {
-#define PROBE_ENUM(name) P_##name,
-    PROBE_ROUTINES(PROBE_ENUM)
-#undef PROBE_ENUM
-};
+// Where the call goes: a library's LVO, a DeliTracker function pointer, a
+// negative slot of the DeliTracker base, or one A-line opcode in the player.
+enum Probe { P_LIB, P_FPTR, P_NEG, P_RAW };
 
-// Registers handed to a probe; the others keep whatever they hold.
-struct Regs {
-    uint32_t d0 = 0, d1 = 0, d2 = 0, d3 = 0;
-    uint32_t a0 = 0, a1 = 0;
-    uint32_t a4 = 0;   // LIB: the library base
-    int32_t d7 = 0;    // LIB: LVO; FPTR: index; NEG: negative offset
-    uint16_t ccr = 0;  // condition codes at the call
-};
-
-// What the probe stored after the call.
-struct Seen {
-    uint32_t d0, d1, a0, a1;
-    uint16_t ccr;  // X N Z V C
-};
+// Registers handed in (LIB: A4 base, D7 LVO; FPTR: D7 index; NEG: D7 offset; RAW: D7 opcode) and what came back.
+struct Regs { uint32_t d0 = 0, d1 = 0, d2 = 0, d3 = 0, a0 = 0, a1 = 0, a4 = 0; int32_t d7 = 0; uint16_t ccr = 0; };
+struct Seen { uint32_t d0, a0, a1; uint16_t ccr; };
 
 constexpr uint16_t CCR_MASK = SR_X | SR_N | SR_Z | SR_V | SR_C;
 constexpr uint32_t SCRATCH = 0x300000;  // chip RAM no one else uses
 
-// The flags TST.L D0 leaves, with X from before the call.
-inline uint16_t tst_flags(uint32_t d0, uint16_t ccr_in) {
-    return uint16_t((ccr_in & SR_X) | ((d0 & 0x80000000u) ? SR_N : d0 == 0 ? SR_Z : 0));
-}
-
-struct ProbeTest : ::testing::Test {
-    MachinePtr mp = make_machine();
-    Machine& m = *mp;
-    uint32_t entry = 0, state = 0;
+struct ProbeTest : MachineTest {
     static constexpr uint32_t MODULE_LEN = 9;  // odd: the next load address is rounded up
+    static constexpr uint32_t STUB = PLAYER_LOAD_ADDR, RAW = STUB + 10;
 
     void SetUp() override {
-        AMIGA_PROGRAM(file, ORVEL_AMIGA_TEST_PROBE);
         orvel_reset(m);
         deli_set_module_path(m, "mods/probe.mod");
-        entry = orvel_load_player_mem(m, file.data(), uint32_t(file.size()));
-        ASSERT_EQ(entry, PLAYER_LOAD_ADDR);
-        state = read32(m, entry + 20);
-        for (uint32_t k = 0; k < MODULE_LEN; k++) write8(m, MODULE_ADDR + k, uint8_t(0x41 + k));
         deli_set_module(m, MODULE_ADDR, MODULE_LEN);
+        // move.l a4,a6; move.w d6,ccr; jsr (a3); move.w sr,d6; rts; then RAW: an opcode; rts
+        put_words(m, STUB, {0x2C4C, 0x44C6, 0x4E93, 0x40C6, 0x4E75, 0xA000, 0x4E75});
     }
     void TearDown() override { dos_close_all(m); }
 
-    uint32_t routine(Probe p) { return read32(m, read32(m, entry + 16) + 4 * uint32_t(p)); }
-
     Seen call(Probe p, const Regs& r = {}) {
-        m.d[0] = r.d0;
-        m.d[1] = r.d1;
-        m.d[2] = r.d2;
-        m.d[3] = r.d3;
-        m.d[6] = r.ccr;
-        m.d[7] = uint32_t(r.d7);
-        m.a[0] = r.a0;
-        m.a[1] = r.a1;
-        m.a[4] = r.a4;
-        write16(m, state + ST_SR, 0xFFFF);  // no SR the probe can store
-        deli_call(m, routine(p));
-        uint16_t sr = read16(m, state + ST_SR);
-        EXPECT_NE(sr, 0xFFFF) << "probe " << int(p) << " did not come back";
-        return {read32(m, state + ST_D0), read32(m, state + ST_D1), read32(m, state + ST_A0),
-                read32(m, state + ST_A1), uint16_t(sr & CCR_MASK)};
+        const uint32_t d[] = {r.d0, r.d1, r.d2, r.d3, 0, 0, r.ccr, 0};
+        std::copy(d, d + 8, m.d);
+        const uint32_t target[] = {r.a4 + r.d7, read32(m, DELI_BASE + 0x38 + 4 * r.d7), DELI_BASE + r.d7, RAW};
+        if (p == P_RAW) write16(m, RAW, uint16_t(r.d7));
+        m.a[0] = r.a0, m.a[1] = r.a1, m.a[3] = target[p], m.a[4] = p == P_LIB ? r.a4 : EXEC_BASE;
+        deli_call(m, STUB);
+        EXPECT_EQ(m.pc, RUNNER_SENTINEL) << "probe " << int(p) << " did not come back";
+        return {m.d[0], m.a[0], m.a[1], uint16_t(m.d[6] & CCR_MASK)};
     }
-
-    // A call of library function `lvo` through the base in A6.
-    Seen lib(uint32_t base, int lvo, Regs r = {}) {
-        r.a4 = base;
-        r.d7 = lvo;
-        return call(P_LIB, r);
+    Seen lib(uint32_t base, int lvo, Regs r = {}) { return r.a4 = base, r.d7 = lvo, call(P_LIB, r); }
+    // D0 as wanted, with the flags TST.L D0 leaves and X from before the call.
+    static void expect_d0(const Seen& s, uint32_t want, uint16_t ccr_in = CCR_MASK) {
+        EXPECT_EQ(s.d0, want);
+        EXPECT_EQ(s.ccr, (ccr_in & SR_X) | ((want & 0x80000000u) ? SR_N : want == 0 ? SR_Z : 0));
     }
-
-    // One A-line opcode executed inside the player.
-    Seen raw(uint16_t opcode, const Regs& r = {}) {
-        write16(m, routine(P_RAW) + RAW_OPCODE, opcode);
-        return call(P_RAW, r);
-    }
-
-    uint32_t put(const std::string& s, uint32_t at = SCRATCH) {
-        put_string(m, at, s);
-        return at;
-    }
-    uint32_t st(uint32_t offset) { return read32(m, state + offset); }
+    uint32_t put(const std::string& s, uint32_t at = SCRATCH) { return put_string(m, at, s), at; }
 };
 
-// A directory of its own under the system's temporary directory, removed
-// with everything in it.
-struct TempDir {
-    std::filesystem::path path;
+inline std::string write_file(const std::filesystem::path& p, const std::vector<uint8_t>& bytes) {
+    std::filesystem::create_directories(p.parent_path());
+    std::ofstream(p, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
+    return p.generic_string();
+}
+inline std::vector<uint8_t> bytes_of(const std::string& s) { return {s.begin(), s.end()}; }
 
-    TempDir() {
-        static int serial = 0;
-        auto stamp = std::chrono::steady_clock::now().time_since_epoch().count();
-        path = std::filesystem::temp_directory_path() /
-               ("orvel-host-" + std::to_string(stamp) + "-" + std::to_string(serial++));
-        std::filesystem::create_directories(path);
-    }
-    ~TempDir() {
-        std::error_code ec;
-        std::filesystem::remove_all(path, ec);
-    }
-    // Writes the file (directories made as needed); returns its name with
-    // forward slashes, as a player would spell it.
+// A directory of its own under the system's temporary directory, removed with everything in it.
+struct TempDir {
+    const std::filesystem::path path =
+        std::filesystem::temp_directory_path() /
+        ("orvel-host-" + std::to_string(std::chrono::steady_clock::now().time_since_epoch().count()));
+    TempDir() { std::filesystem::create_directories(path); }
+    ~TempDir() { std::error_code ec; std::filesystem::remove_all(path, ec); }
+    // The file written; its name with forward slashes, as a player spells it.
     std::string file(const std::string& relative, const std::vector<uint8_t>& bytes) const {
         return write_file(path / relative, bytes);
     }
     std::string name(const std::string& relative) const { return (path / relative).generic_string(); }
-
-    static std::string write_file(const std::filesystem::path& p, const std::vector<uint8_t>& bytes) {
-        std::filesystem::create_directories(p.parent_path());
-        if (FILE* f = std::fopen(p.string().c_str(), "wb")) {
-            if (!bytes.empty()) std::fwrite(bytes.data(), 1, bytes.size(), f);
-            std::fclose(f);
-        }
-        return p.generic_string();
-    }
 };
 
-// A file in the test executable's data directory, removed afterwards with
-// the directories made for it.
+// A file in the test executable's data directory, removed with the directories it leaves empty.
 struct DataFile {
     std::filesystem::path path;
-    std::vector<std::filesystem::path> made;
-
     DataFile(const std::string& name, const std::vector<uint8_t>& bytes) {
         char buffer[4096];
         data_path(buffer, sizeof buffer, name.c_str());
-        path = buffer;
-        for (auto p = path.parent_path(); !p.empty() && !std::filesystem::exists(p); p = p.parent_path())
-            made.push_back(p);
-        TempDir::write_file(path, bytes);
+        write_file(path = buffer, bytes);
     }
-    ~DataFile() {
-        std::error_code ec;
-        std::filesystem::remove(path, ec);
-        for (const auto& p : made) std::filesystem::remove(p, ec);
-    }
+    ~DataFile() { std::error_code ec; for (auto p = path; std::filesystem::remove(p, ec); p = p.parent_path()) {} }
 };
-
-inline std::vector<uint8_t> bytes_of(const std::string& s) { return {s.begin(), s.end()}; }

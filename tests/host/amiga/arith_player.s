@@ -1,5 +1,4 @@
-| The runtime check as a player: InitPlayer runs it; entry+16 and entry+20
-| point at the results and the buffer (arith.c).
+| The runtime check as a player: InitPlayer runs it; entry+16, +20: results, buffer (arith.c).
 	.include "deliplayer.i"
 
 	.section .text.entry,"ax"

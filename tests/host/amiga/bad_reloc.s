@@ -1,5 +1,4 @@
-| A 16-bit absolute reference to a label: valid for the linker, but a hunk
-| file has no relocation that could express it.
+| A 16-bit absolute reference: valid for the linker, but no hunk relocation expresses it.
 	.text
 start:
 	moveq	#0,d0

@@ -1,5 +1,4 @@
-| Loader test: code, data and BSS hunks that point into each other, at
-| offsets the test knows (see hunk_test.cpp).
+| Code, data and BSS hunks that point into each other, at offsets the tests know.
 	.text
 code_start:
 	dc.l	data_word		| 0: hunk 1 + 4
