@@ -6,6 +6,7 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -72,7 +73,8 @@ inline std::vector<uint8_t> bytes_of(const std::string& s) { return {s.begin(), 
 struct TempDir {
     const std::filesystem::path path =
         std::filesystem::temp_directory_path() /
-        ("orvel-host-" + std::to_string(std::chrono::steady_clock::now().time_since_epoch().count()));
+        ("orvel-host-" + std::to_string(std::chrono::steady_clock::now().time_since_epoch().count()) + "-" +
+         std::to_string(std::random_device{}()));
     TempDir() { std::filesystem::create_directories(path); }
     ~TempDir() { std::error_code ec; std::filesystem::remove_all(path, ec); }
     // The file written; its name with forward slashes, as a player spells it.
