@@ -210,13 +210,15 @@ void op_divs_w(Machine& m, uint16_t op) {
     divide_result(m, d, q, dividend % s, q >= -32768 && q <= 32767);
 }
 
-// N follows the sign of the register, as the 68000 leaves it (set below the
-// lower bound, clear above the upper one and in range); Z, V and C stay.
+// Out of bounds, N follows the sign of the register (set below the lower
+// bound, clear above the upper one) and Z, V, C stay; in bounds nothing
+// changes, where the 68000 leaves N undefined.
 void op_chk_w(Machine& m, uint16_t op) {
     int16_t bound = int16_t(ea_load_w(m, op));
     int16_t v = int16_t(m.d[(op >> 9) & 7]);
+    if (v >= 0 && v <= bound) return;
     m.sr = uint16_t(v < 0 ? m.sr | SR_N : m.sr & ~SR_N);
-    if (v < 0 || v > bound) exception(m, VEC_CHK);
+    exception(m, VEC_CHK);
 }
 
 void ops_register_arith_rest() {
