@@ -7,6 +7,9 @@
 #include <vector>
 
 #include "cli/dispatch.h"
+#include "cli/selftest.h"
+#include "cpu/cpu.h"
+#include "test_machine.h"
 
 namespace {
 
@@ -120,4 +123,38 @@ TEST(Dispatch, UsageTextIsByteExact) {
     EXPECT_EQ(expected.size(), 693u);
     EXPECT_EQ(usage_text_len, 693u);
     EXPECT_EQ(std::string(usage_text, usage_text_len), expected);
+}
+
+// The smoke tests stop at the first failed check with its line and exit
+// status 1; instructions broken on purpose in the table show it.
+TEST(Smoke, StopsAtTheFirstFailure) {
+    const struct {
+        uint16_t opcode;
+        OpHandler broken;
+        int passes;
+        const char* last_line;
+    } cases[] = {
+        // ILLEGAL stacks its own address.
+        {0x4AFC, [](Machine& m, uint16_t) { m.pc -= 2, exception(m, 4); }, 0,
+         "FAIL: expected PC=0x402 after rte, got 00000400\n"},
+        {0x72FF, [](Machine& m, uint16_t) { m.d[1] = ~0u; }, 2,  // MOVEQ #-1,D1 without N
+         "FAIL moveq #-1,d1: d1=ffffffff sr=2700\n"},
+        {0x08C0, [](Machine& m, uint16_t) { m.pc += 2, m.d[0] |= 0x20, m.sr &= ~SR_Z; }, 3,
+         "FAIL bset static bit 5: Z should be set (was 0 before set)\n"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.last_line);
+        op_table_fill();
+        op_table[c.opcode] = c.broken;
+        MachinePtr m = make_machine();
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(selftest_smoke(*m), 1);
+        std::string out = testing::internal::GetCapturedStdout();
+        EXPECT_TRUE(out.ends_with(c.last_line)) << out;
+        size_t passes = 0;
+        for (size_t at = 0; (at = out.find("smoke test PASS\n", at)) != std::string::npos; at++)
+            passes++;
+        EXPECT_EQ(passes, size_t(c.passes));
+    }
+    op_table_fill();
 }

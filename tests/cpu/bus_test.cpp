@@ -1,6 +1,9 @@
 // The bus where the vectors and qemu do not reach: the fault past the top of
-// memory and the CIA registers decoded by page.
+// memory, the custom range decided by the start address, and the CIA
+// registers decoded by page.
 #include <gtest/gtest.h>
+
+#include <cstring>
 
 #include "chipset/cia.h"
 #include "cpu/bus.h"
@@ -43,6 +46,21 @@ TEST_F(BusTest, TopOfMemoryFaults) {
             EXPECT_EQ(m.chip_ram[a] != uint8_t(a), written) << std::hex << a;
         }
     }
+}
+
+// An access that starts below the custom registers is RAM, even where it
+// runs into them; one that starts inside goes to the chips whole, even where
+// it runs past them (unassigned registers read 0 and ignore writes).
+TEST_F(BusTest, CustomRangeGoesByTheStartAddress) {
+    std::memset(m.chip_ram + 0xDFEFF0, 0xEE, 0x220);
+    EXPECT_EQ(read16(m, 0xDFEFFF), 0xEEEE);
+    EXPECT_EQ(read32(m, 0xDFEFFE), 0xEEEEEEEEu);
+    EXPECT_EQ(read16(m, 0xDFF1FF), 0);
+    EXPECT_EQ(read32(m, 0xDFF1FE), 0u);
+    write32(m, 0xDFF1FE, 0x12345678);
+    EXPECT_EQ(chip_peek32(m, 0xDFF1FE), 0xEEEEEEEEu);
+    write16(m, 0xDFEFFF, 0x1234);
+    EXPECT_EQ(chip_peek16(m, 0xDFEFFF), 0x1234);
 }
 
 // Reads in order: any byte of a 256-byte page reaches one register, timers

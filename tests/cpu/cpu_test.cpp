@@ -58,6 +58,12 @@ TEST_F(Cpu, SingleInstructionRules) {
         {"MOVE SR,D0 in user mode (as on the 68010)", {0x40C0}, 0x0000, 5, 0, H(8), 0x2000, 5, 0,
          SSP - 8, CODE + 2},
         {"RTE in user mode", {0x4E73}, 0x0000, 0, 0, H(8), 0x2000, 0, 0, SSP - 8, CODE},
+        {"STOP in user mode", {0x4E72, 0x2700}, 0x0000, 0, 0, H(8), 0x2000, 0, 0, SSP - 8,
+         CODE + 2},
+        {"MOVE #$2700,SR in user mode", {0x46FC, 0x2700}, 0x0000, 0, 0, H(8), 0x2000, 0, 0,
+         SSP - 8, CODE + 2},
+        {"CHK.W #-1,D0 of $8000: N set, Z V C kept", {0x41BC, 0xFFFF}, 0x2707, 0x8000, 0, H(6),
+         0x270F, 0x8000, 0, SSP - 8, CODE + 4},
         {"RTE of format 1", {0x4E73}, 0x2700, 0, 0, H(14), 0x2700, 0, 0, SSP - 8, 0,
          {0x1000, 0x2015, 0x0000, 0x2222}},
         {"RTE", {0x4E73}, 0x2700, 0, 0, 0x2222, 0x2015, 0, 0, SSP + 8},
@@ -71,6 +77,8 @@ TEST_F(Cpu, SingleInstructionRules) {
          0x2706, 0x80000000, 0, SSP},
         {"DIVS.W #-2 of 65536: -32768 fits", {0x81FC, 0xFFFE}, 0x2700, 0x10000, 0, NEXT, 0x2708,
          0x8000, 0, SSP},
+        {"CHK.W #5,D0 within bounds changes nothing", {0x41BC, 0x0005}, 0x270F, 5, 0, NEXT,
+         0x270F, 5, 0, SSP},
         {"ABCD D0,D0 of 0 clears Z, keeps V", {0xC100}, 0x2706, 0, 0, NEXT, 0x2702, 0, 0, SSP},
         {"BSR.L", {0x61FF, 0x0000, 0x0100}, 0x2700, 0, 0, CODE + 0x102, 0x2700, 0, 0, SSP - 4,
          CODE + 6},
@@ -99,7 +107,8 @@ TEST_F(Cpu, SingleInstructionRules) {
         EXPECT_EQ(m.sr & SR_S ? m.usp : m.ssp, m.sr & SR_S ? USP : SSP);  // the other stack
         if (m.pc >= HANDLERS && m.pc < H(256)) {
             EXPECT_EQ(read16(m, SSP - 8), (m.pc - HANDLERS) / 4);
-            EXPECT_EQ(read16(m, SSP - 6), c.sr);
+            // The old SR, with the condition codes the instruction left.
+            EXPECT_EQ(read16(m, SSP - 6), (c.sr & 0xFFE0) | (c.sr_after & 0x1F));
         }
         if (c.stacked) {
             EXPECT_EQ(read32(m, SSP - 4), c.stacked);
@@ -138,6 +147,19 @@ TEST_F(Cpu, IndexedAddresses) {
         EXPECT_EQ(m.a[1], c.address);
         EXPECT_EQ(m.pc, EXT + 2 * c.ext.size());
     }
+}
+
+// The vector table follows VBR; a vector past the top of memory reads all
+// ones, and the exception clears the fault.
+TEST_F(Cpu, VectorBase) {
+    write32(m, 0x110, 0x4444);
+    for (auto [vbr, pc] : {std::pair{0x100u, 0x4444u}, {0xFFFFEFu, 0xFFFFFFFFu}}) {
+        m.vbr = vbr;
+        EXPECT_EQ(exception(m, 4), pc);
+        EXPECT_EQ(m.pc, pc);
+        EXPECT_EQ(m.fault, 0);
+    }
+    EXPECT_EQ(test_cc(m, 16), 0);
 }
 
 // -(A0) from 0 reaches $FFFFFFFF, the register-destination mark: still memory.
