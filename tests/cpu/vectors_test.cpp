@@ -160,6 +160,12 @@ uint16_t sr_compare_mask(const std::string& family, const Vector& v) {
     return 0xFFFF;
 }
 
+std::string hex_field(const char* name, uint32_t address) {
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "%s%06x", name, address);
+    return buf;
+}
+
 void set_ram(Machine& m, const State& s, bool clear) {
     for (const auto& [address, value] : s.ram) {
         m.chip_ram[address] = clear ? 0 : uint8_t(value >> 8);
@@ -184,7 +190,7 @@ std::string run_vector(Machine& m, const std::string& family, const Vector& v) {
     std::string diff;
     auto differ = [&](const std::string& field, uint32_t want_value, uint32_t got) {
         char buf[64];
-        std::snprintf(buf, sizeof buf, "=%08x(want %08x)", got, want_value);
+        std::snprintf(buf, sizeof buf, "=%x (want %x)", got, want_value);
         if (got != want_value) diff += " " + field + buf;
     };
     for (int i = 0; i < 8; i++) differ("d" + std::to_string(i), want.reg[D0 + i], m.d[i]);
@@ -198,7 +204,7 @@ std::string run_vector(Machine& m, const std::string& family, const Vector& v) {
     differ("pc", m.stopped ? want.reg[PC] : want.reg[PC] - 4, m.pc);
     for (const auto& [address, value] : want.ram)
         if (!exception_taken || address >= before.reg[SSP] || address + 8 < before.reg[SSP])
-            differ("ram@" + std::to_string(address), value, chip_peek16(m, address));
+            differ(hex_field("ram@", address), value, chip_peek16(m, address));
     set_ram(m, before, true);
     set_ram(m, want, true);
     for (uint32_t a = before.reg[SSP] - 8; a != before.reg[SSP]; a++) m.chip_ram[a & 0xFFFFFF] = 0;
