@@ -188,13 +188,16 @@ std::string run_vector(Machine& m, const std::string& family, const Vector& v) {
     step(m);
 
     std::string diff;
-    auto differ = [&](const std::string& field, uint32_t want_value, uint32_t got) {
+    auto differ = [&](const char* field, uint32_t want_value, uint32_t got) {
+        if (got == want_value) return;
         char buf[64];
-        std::snprintf(buf, sizeof buf, "=%x (want %x)", got, want_value);
-        if (got != want_value) diff += " " + field + buf;
+        std::snprintf(buf, sizeof buf, " %s=%x (want %x)", field, got, want_value);
+        diff += buf;
     };
-    for (int i = 0; i < 8; i++) differ("d" + std::to_string(i), want.reg[D0 + i], m.d[i]);
-    for (int i = 0; i < 7; i++) differ("a" + std::to_string(i), want.reg[A0 + i], m.a[i]);
+    static const char* const REG_NAMES[] = {"d0", "d1", "d2", "d3", "d4", "d5", "d6", "d7",
+                                            "a0", "a1", "a2", "a3", "a4", "a5", "a6"};
+    for (int i = 0; i < 8; i++) differ(REG_NAMES[i], want.reg[D0 + i], m.d[i]);
+    for (int i = 0; i < 7; i++) differ(REG_NAMES[8 + i], want.reg[A0 + i], m.a[i]);
     bool super = m.sr & SR_S, exception_taken = takes_exception(v);
     differ("usp", want.reg[USP], super ? m.usp : m.a[7]);
     // An exception here stacks an 8-byte frame, the 68000 a 6-byte one.
@@ -204,7 +207,7 @@ std::string run_vector(Machine& m, const std::string& family, const Vector& v) {
     differ("pc", m.stopped ? want.reg[PC] : want.reg[PC] - 4, m.pc);
     for (const auto& [address, value] : want.ram)
         if (!exception_taken || address >= before.reg[SSP] || address + 8 < before.reg[SSP])
-            differ(hex_field("ram@", address), value, chip_peek16(m, address));
+            differ(hex_field("ram@", address).c_str(), value, chip_peek16(m, address));
     set_ram(m, before, true);
     set_ram(m, want, true);
     for (uint32_t a = before.reg[SSP] - 8; a != before.reg[SSP]; a++) m.chip_ram[a & 0xFFFFFF] = 0;
