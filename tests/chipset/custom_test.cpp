@@ -48,17 +48,13 @@ TEST_F(CustomTest, DmaStartLatchesTheChannel) {
     EXPECT_EQ(ch.active, 1);
     EXPECT_EQ(ch.ptr, m.chip_ram + 0x10000);
     EXPECT_EQ(ch.len, 200u);
-    EXPECT_EQ(ch.loop_start, 0u);
     EXPECT_EQ(ch.loop_len, 200u);
-    EXPECT_EQ(ch.pos, 0u);
-    EXPECT_EQ(ch.sample, 1);
+    EXPECT_EQ(ch.sample, 1) << "the first byte sounds at once";
     EXPECT_EQ(ch.period, uint64_t(428) << 16);
     EXPECT_EQ(ch.volume, 64);
-    EXPECT_EQ(m.aud_dma_on[0], 1);
     EXPECT_EQ(m.aud_was_active[0], 1);
     // One pass through the block in output frames: 428 x 200 / 3546895 x 48000.
     EXPECT_NEAR(m.aud_irq_countdown[0], 1158.43, 0.01);
-    EXPECT_EQ(m.dmacon, 0x0201);
 }
 
 TEST_F(CustomTest, DmaconStartsAndStopsChannels) {
@@ -206,13 +202,6 @@ TEST_F(CustomTest, ChannelThatRanOutRestartsOnALocationWrite) {
     EXPECT_EQ(m.intreq, 0x0100) << "the restart is reported too";
 }
 
-TEST_F(CustomTest, ChannelQueueIgnoresChannelsThatDoNotExist) {
-    PaulaState before = m.paula;
-    channel_queue(m, -1);
-    channel_queue(m, 4);
-    EXPECT_EQ(std::memcmp(&before, &m.paula, sizeof before), 0);
-}
-
 TEST_F(CustomTest, SetClearRegistersAndTheirReadBack) {
     struct Case {
         const char* what;
@@ -341,17 +330,6 @@ TEST_F(CustomTest, InitStopsEverythingAndFollowsTheModel) {
         // The A1200's RC corner is 34 kHz, the A500's 4.4 kHz.
         EXPECT_NEAR(m.paula.rc_coef, model ? 0.0568081 : 0.0077342, 1e-7);
         EXPECT_EQ(m.paula.clocks_per_frame, 4842693u) << "73.894 ticks per frame, 16.16";
-    }
-}
-
-TEST_F(CustomTest, FilterSectionsAreExactLowPasses) {
-    // The mixer shares one product among a low-pass section's three
-    // feed-forward taps; that is exact only if b1 = 2 b0 and b2 = b0.
-    for (uint32_t a1200 : {0u, 1u}) {
-        m.paula.a1200_filter = a1200;
-        paula_recalc(m.paula);
-        EXPECT_EQ(m.paula.led_b1, 2 * m.paula.led_b0);
-        EXPECT_EQ(m.paula.led_b2, m.paula.led_b0);
     }
 }
 

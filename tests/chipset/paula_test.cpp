@@ -10,6 +10,7 @@
 
 #include "chipset/custom.h"
 #include "paula_reference.h"
+#include "playback/wav.h"
 #include "test_machine.h"
 
 namespace {
@@ -116,9 +117,7 @@ TEST_P(MixerTest, TwoChannelsOnOneSideAreSoftClipped) {
     play(m, 1, 0x10000, 100, 300, 64);
     play(m, 2, 0x10000, 100, 211, 64);
     Level l = level(4800, 960);
-    // 0.9921875 reaches the clipper; above the 0.8 knee it is squeezed by tanh.
-    const double k = 1.0 - 0.8;
-    EXPECT_NEAR(l.right, 0.8 + k * std::tanh((0.9921875 - 0.8) / k), 1e-4);
+    // 0.9921875 reaches the clipper and leaves it at 0.8 + 0.2 tanh(0.1921875 / 0.2).
     EXPECT_NEAR(l.right, 0.94894, 1e-4);
     EXPECT_NEAR(l.left, 0.0, 1e-9);
     // And symmetrically below -0.8.
@@ -126,7 +125,7 @@ TEST_P(MixerTest, TwoChannelsOnOneSideAreSoftClipped) {
     fill(m, 0x10000, 200, -127);
     play(m, 0, 0x10000, 100, 300, 64);
     play(m, 3, 0x10000, 100, 211, 64);
-    EXPECT_NEAR(level(4800, 960).left, -(0.8 + k * std::tanh((0.9921875 - 0.8) / k)), 1e-4);
+    EXPECT_NEAR(level(4800, 960).left, -0.94894, 1e-4);
 }
 
 TEST_P(MixerTest, VolumeIsADutyCycle) {
@@ -176,10 +175,8 @@ TEST_P(MixerTest, RcAndLedCornersAreThreeDbDown) {
     // (34000 Hz); the LED's two-pole Butterworth at 3300 Hz against no LED.
     const Case cases[] = {
         {"A500 RC at its corner", 4400, false, 4400, 1},
-        {"A500 RC an octave below", 2200, false, 4400, 1},
         {"A500 RC an octave above", 8800, false, 4400, 1},
         {"LED at its corner", 3300, true, 3300, 2},
-        {"LED an octave below", 1650, true, 3300, 2},
         {"LED an octave above", 6600, true, 3300, 2},
     };
     for (const Case& c : cases) {
@@ -243,168 +240,150 @@ TEST_P(MixerTest, NothingHappensForNoFrames) {
     fill(m, 0x10000, 200, 127);
     play(m, 0, 0x10000, 100, 428, 64);
     PaulaState before = m.paula;
-    for (int frames : {0, -5}) {
-        float out[2] = {1.0f, 2.0f};
-        paula_mix_frames_with(GetParam(), m.paula, out, frames);
-        EXPECT_EQ(out[0], 1.0f);
-        EXPECT_EQ(std::memcmp(&before, &m.paula, sizeof before), 0);
-    }
+    float out[2] = {1.0f, 2.0f};
+    for (int frames : {0, -5}) paula_mix_frames_with(GetParam(), m.paula, out, frames);
+    EXPECT_EQ(out[0], 1.0f);
+    EXPECT_EQ(std::memcmp(&before, &m.paula, sizeof before), 0);
 }
 
 // ---- agreement with the tick-by-tick reference ----
 
-struct Scenario {
-    const char* name;
-    void (*setup)(Machine&);
-    int frames;
-    int chunk;  // frames per call
-};
-
-uint32_t lcg(uint32_t& s) {
-    s = s * 1103515245u + 12345u;
-    return s >> 16;
-}
-
-void noise(Machine& m, uint32_t address, uint32_t bytes, uint32_t seed) {
-    for (uint32_t i = 0; i < bytes; i++) m.chip_ram[address + i] = uint8_t(lcg(seed));
+// 64 KiB of noise from $10000, the sample data of the scenes below.
+void noise(Machine& m) {
+    uint32_t s = 7;
+    for (uint32_t i = 0; i < 0x10000; i++) {
+        s = s * 1103515245u + 12345u;
+        m.chip_ram[0x10000 + i] = uint8_t(s >> 16);
+    }
 }
 
 void four_voices(Machine& m) {
-    noise(m, 0x10000, 0x10000, 7);
     play(m, 0, 0x10000, 1200, 428, 64);
     play(m, 1, 0x12000, 800, 214, 40);
     play(m, 2, 0x14000, 64, 320, 50);
     play(m, 3, 0x16000, 3000, 113, 30);
 }
 
-// Each channel set by hand, for the states the registers never produce.
-PaulaChannel& raw(Machine& m, int c, uint32_t address, uint32_t len, uint64_t period,
-                  uint16_t volume) {
-    PaulaChannel& ch = m.paula.ch[c];
-    ch.ptr = m.chip_ram + address;
-    ch.len = ch.loop_len = len;
-    ch.period = period;
-    ch.volume = volume;
+// A channel set by hand, for the states the registers never produce.
+struct Raw {
+    int c;
+    uint32_t address, len;
+    uint64_t period;
+    uint16_t volume = 64;
+    uint32_t pos = 0, loop_start = 0, loop_len = ~0u;  // ~0: the whole block
+    uint8_t backwards = 0;
+    uint32_t next_address = 0, next_len = 0;  // a queued block if next_len > 0
+    uint64_t phase = 0;
+};
+
+void set_raw(Machine& m, const Raw& r) {
+    PaulaChannel& ch = m.paula.ch[r.c];
+    ch.ptr = m.chip_ram + r.address;
+    ch.len = r.len;
+    ch.loop_start = r.loop_start;
+    ch.loop_len = r.loop_len == ~0u ? r.len : r.loop_len;
+    ch.period = r.period;
+    ch.volume = r.volume;
+    ch.pos = r.pos;
+    ch.backwards = r.backwards;
+    ch.phase = r.phase;
     ch.active = 1;
     ch.sample = int8_t(ch.ptr[0]);
-    return ch;
+    if (r.next_len) {
+        ch.next_ptr = m.chip_ram + r.next_address;
+        ch.next_len = r.next_len;
+        ch.reload_pending = 1;
+    }
 }
 
+// Over the noise, `setup` (if any) runs, then the hand-set channels.
+struct Scenario {
+    const char* name;
+    void (*setup)(Machine&);
+    std::vector<Raw> raw;
+    int frames;
+    int chunk;  // frames per call
+};
+
+constexpr uint64_t P(uint64_t colour_clocks) { return colour_clocks << 16; }
+
 const Scenario SCENARIOS[] = {
-    {"four voices in engine-sized steps", four_voices, 3000, 960},
-    {"four voices a frame at a time", four_voices, 300, 1},
-    {"four voices at once", four_voices, 5000, 5000},
+    {"four voices in engine-sized steps", four_voices, {}, 3000, 960},
+    {"four voices a frame at a time", four_voices, {}, 300, 1},
     {"four voices through the LED filter off",
      [](Machine& m) {
          four_voices(m);
          m.paula.led_on = 0;
      },
-     2000, 333},
+     {}, 2000, 333},
     {"A1200 output stage",
      [](Machine& m) {
          m.paula.a1200_filter = 1;
          paula_recalc(m.paula);
          four_voices(m);
      },
-     2000, 500},
+     {}, 2000, 500},
     {"loud enough to clip",
      [](Machine& m) {
-         noise(m, 0x10000, 0x1000, 3);
          for (uint32_t i = 0x11000; i < 0x11100; i++) m.chip_ram[i] = (i & 8) ? 0x7F : 0x80;
          play(m, 0, 0x11000, 128, 140, 64);
          play(m, 3, 0x11000, 64, 150, 64);
          play(m, 1, 0x10000, 2048, 200, 64);
          play(m, 2, 0x11000, 100, 500, 64);
      },
-     2000, 700},
-    {"one-shot blocks run out and stop",
-     [](Machine& m) {
-         noise(m, 0x10000, 0x1000, 5);
-         raw(m, 0, 0x10000, 300, 200ull << 16, 64).loop_len = 0;
-         raw(m, 1, 0x10100, 1000, 150ull << 16, 33).loop_len = 0;
-     },
+     {}, 2000, 700},
+    {"one-shot blocks run out and stop", nullptr,
+     {{.c = 0, .address = 0x10000, .len = 300, .period = P(200), .loop_len = 0},
+      {.c = 1, .address = 0x10100, .len = 1000, .period = P(150), .volume = 33, .loop_len = 0}},
      400, 37},
-    {"loop inside the block",
-     [](Machine& m) {
-         noise(m, 0x10000, 0x1000, 9);
-         PaulaChannel& ch = raw(m, 2, 0x10000, 500, 130ull << 16, 50);
-         ch.loop_start = 300;
-         ch.loop_len = 37;
-     },
+    {"loop inside the block", nullptr,
+     {{.c = 2, .address = 0x10000, .len = 500, .period = P(130), .volume = 50, .loop_start = 300, .loop_len = 37}},
      1000, 250},
-    {"a position beyond the block end wraps into the loop",
-     [](Machine& m) {
-         noise(m, 0x10000, 0x1000, 23);
-         PaulaChannel& ch = raw(m, 0, 0x10000, 100, 150ull << 16, 64);
-         ch.pos = 150;
-         ch.loop_start = 10;
-         ch.loop_len = 30;
-     },
+    {"a position beyond the block end wraps into the loop", nullptr,
+     {{.c = 0, .address = 0x10000, .len = 100, .period = P(150), .pos = 150, .loop_start = 10, .loop_len = 30}},
      200, 200},
     {"queued blocks taken over at the wrap",
      [](Machine& m) {
-         noise(m, 0x10000, 0x1000, 11);
          play(m, 0, 0x10000, 50, 113, 64);
          custom_write_word(m, 0xA2, 0x0400);  // AUD0LCL: queue $10400
          custom_write_word(m, 0xA4, 200);     // AUD0LEN
      },
-     600, 60},
-    {"backwards, with and without a queued block",
-     [](Machine& m) {
-         noise(m, 0x10000, 0x1000, 13);
-         PaulaChannel& a = raw(m, 0, 0x10000, 400, 170ull << 16, 64);
-         a.backwards = 1;
-         a.pos = 399;
-         a.loop_start = 100;
-         a.loop_len = 300;
-         PaulaChannel& b = raw(m, 1, 0x10400, 200, 190ull << 16, 45);
-         b.backwards = 1;
-         b.pos = 199;
-         b.next_ptr = m.chip_ram + 0x10800;
-         b.next_len = 90;
-         b.reload_pending = 1;
-         PaulaChannel& c = raw(m, 2, 0x10A00, 150, 210ull << 16, 64);
-         c.backwards = 1;
-         c.pos = 149;
-         c.loop_len = 0;
-     },
+     {}, 600, 60},
+    {"backwards, with and without a queued block", nullptr,
+     {{.c = 0, .address = 0x10000, .len = 400, .period = P(170), .pos = 399, .loop_start = 100, .loop_len = 300,
+       .backwards = 1},
+      {.c = 1, .address = 0x10400, .len = 200, .period = P(190), .volume = 45, .pos = 199, .backwards = 1,
+       .next_address = 0x10800, .next_len = 90},
+      {.c = 2, .address = 0x10A00, .len = 150, .period = P(210), .pos = 149, .loop_len = 0, .backwards = 1}},
      800, 100},
-    {"periods shorter than a tick",
-     [](Machine& m) {
-         noise(m, 0x10000, 0x1000, 17);
-         raw(m, 0, 0x10000, 997, 0x6000, 64);
-         raw(m, 3, 0x10800, 501, 0x10000, 20);
-         raw(m, 1, 0x10C00, 333, 0x10001, 63);
-     },
+    {"periods shorter than a tick", nullptr,
+     {{.c = 0, .address = 0x10000, .len = 997, .period = 0x6000},
+      {.c = 3, .address = 0x10800, .len = 501, .period = 0x10000, .volume = 20},
+      {.c = 1, .address = 0x10C00, .len = 333, .period = 0x10001, .volume = 63}},
      500, 123},
-    {"a new period below the phase",
-     [](Machine& m) {
-         noise(m, 0x10000, 0x1000, 19);
-         raw(m, 0, 0x10000, 997, 60000ull << 16, 64).phase = 50000ull << 16;
-         m.paula.ch[0].period = 200ull << 16;
-     },
-     300, 300},
+    {"a new period below the phase", nullptr,
+     {{.c = 0, .address = 0x10000, .len = 997, .period = P(200), .phase = P(50000)}}, 300, 300},
     {"muted and null channels stay out",
      [](Machine& m) {
          four_voices(m);
          m.paula.ch[1].muted = 1;
          m.paula.ch[2].ptr = nullptr;
      },
-     500, 250},
+     {}, 500, 250},
     {"slow output rate: frames longer than a block",
      [](Machine& m) {
          m.paula.mix_rate = 1500;
          paula_recalc(m.paula);
          four_voices(m);
      },
-     60, 7},
+     {}, 60, 7},
     {"absurd output rate: one tick per frame",
      [](Machine& m) {
          m.paula.mix_rate = 10000000;
          paula_recalc(m.paula);
          four_voices(m);
      },
-     20000, 4096},
+     {}, 20000, 4096},
 };
 
 class ReferenceTest : public ::testing::TestWithParam<PaulaKernel> {};
@@ -417,7 +396,9 @@ TEST_P(ReferenceTest, MixerMatchesTheTickByTickReference) {
     for (const Scenario& s : SCENARIOS) {
         SCOPED_TRACE(s.name);
         custom_paula_init(m);
-        s.setup(m);
+        noise(m);
+        if (s.setup) s.setup(m);
+        for (const Raw& r : s.raw) set_raw(m, r);
         PaulaState expect = m.paula;
         std::vector<float> got(2 * size_t(s.frames)), want(got.size());
         for (int done = 0; done < s.frames; done += s.chunk) {
@@ -449,55 +430,26 @@ TEST_P(ReferenceTest, MixerMatchesTheTickByTickReference) {
 
 // ---- the two builds of the tick loop ----
 
-// The WAV writer's float to 16-bit conversion.
-int16_t to_s16(float f) {
-    if (f > 1.0f) return 32767;
-    return int16_t(int32_t(std::max(f, -1.0f) * 32767.0f));
-}
-
-std::vector<int16_t> pinned_render(PaulaKernel k) {
+std::vector<int16_t> render_s16(PaulaKernel k) {
     MachinePtr mp = make_machine();
     Machine& m = *mp;
     custom_paula_init(m);
-    noise(m, 0x10000, 0x10000, 7);
-    play(m, 0, 0x10000, 1200, 428, 64);
-    play(m, 1, 0x12000, 800, 214, 40);
-    play(m, 2, 0x14000, 64, 320, 50);
-    play(m, 3, 0x16000, 3000, 254, 30);
+    noise(m);
+    four_voices(m);
     std::vector<float> out(2 * 4800, 0.0f);
     for (int done = 0; done < 4800; done += 960)
         paula_mix_frames_with(k, m.paula, out.data() + 2 * done, 960);
     std::vector<int16_t> s16;
-    for (float f : out) s16.push_back(to_s16(f));
+    for (float f : out) s16.push_back(wav_sample_s16(f));
     return s16;
 }
 
-uint32_t fnv1a(const std::vector<int16_t>& v) {
-    uint32_t h = 2166136261u;
-    for (int16_t s : v)
-        for (int shift : {0, 8}) h = (h ^ uint8_t(uint16_t(s) >> shift)) * 16777619u;
-    return h;
-}
-
-// Fixed samples of a fixed scene: the Linux and Windows builds run this same
-// test, so both must produce exactly these 16-bit values.
-TEST_P(ReferenceTest, PinnedSixteenBitSamples) {
-    if (!paula_kernel_available(GetParam()))
-        GTEST_SKIP() << kernel_name(GetParam()) << " kernel: this CPU lacks its instructions";
-    std::vector<int16_t> s = pinned_render(GetParam());
-    struct Pin {
-        size_t index;
-        int16_t value;
-    };
-    const Pin pins[] = {{101, 8051}, {1000, 7309}, {4001, 3348}, {9598, 10537}, {9599, 5140}};
-    for (const Pin& p : pins) EXPECT_EQ(s[p.index], p.value) << "sample " << p.index;
-    EXPECT_EQ(fnv1a(s), 2776644315u);
-}
-
+// The two builds agree after the WAV writer's rounding, 16-bit sample for
+// 16-bit sample.
 TEST(PaulaKernels, BothBuildsGiveTheSameSixteenBitSamples) {
     if (!paula_kernel_available(PaulaKernel::Avx2Fma))
         GTEST_SKIP() << "Avx2Fma kernel: this CPU lacks its instructions; nothing to compare";
-    EXPECT_EQ(pinned_render(PaulaKernel::Portable), pinned_render(PaulaKernel::Avx2Fma));
+    EXPECT_EQ(render_s16(PaulaKernel::Portable), render_s16(PaulaKernel::Avx2Fma));
 }
 
 const auto KERNELS = ::testing::Values(PaulaKernel::Portable, PaulaKernel::Avx2Fma);
