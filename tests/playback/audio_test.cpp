@@ -6,11 +6,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cctype>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -115,43 +115,28 @@ uint64_t check_capture(const Played& p, uint64_t& leading_silence) {
     return next;
 }
 
-// Line patterns: "{n}" stands for digits, "{x}" for a decimal number, "{*}"
-// for any non-empty text; everything else is literal.
-bool matches(const char* p, const char* s) {
-    if (!*p) return !*s;
-    if (std::strncmp(p, "{*}", 3) == 0) {
-        for (const char* t = s + 1; t[-1]; t++)
-            if (matches(p + 3, t)) return true;
-        return false;
-    }
-    if (std::strncmp(p, "{n}", 3) == 0 || std::strncmp(p, "{x}", 3) == 0) {
-        const char* t = s;
-        while (std::isdigit(static_cast<unsigned char>(*t)) || (p[1] == 'x' && *t == '.')) t++;
-        return t > s && matches(p + 3, t);
-    }
-    return *p == *s && matches(p + 1, s + 1);
-}
-
 // Every line the output printed is one of its own forms, exactly one line of
 // each numbered group, and the buffer's length in ms agrees with its frames.
 void check_report(const Played& p) {
     struct Form {
-        const char* pattern;
+        std::regex pattern;
         int group;  // -1: any number of such lines
     };
 #ifdef _WIN32
     const Form forms[] = {
-        {"wasapi: device mix format {*} rate={n} ch={n} bits={n}", 0},
-        {"wasapi: 48000 Hz f32 stereo, buffer {n} frames ({x} ms), device period {n} frames ({x} ms), SRC bypassed", 1},
-        {"wasapi: audio thread MMCSS task={n} (Pro Audio)", 2},
-        {"wasapi_thread: underrun #{n} (endpoint drained before wake)", -1},
+        {std::regex(R"(wasapi: device mix format .+ rate=\d+ ch=\d+ bits=\d+)"), 0},
+        {std::regex(R"(wasapi: 48000 Hz f32 stereo, buffer \d+ frames \([\d.]+ ms\), device period \d+ frames )"
+                    R"(\([\d.]+ ms\), SRC bypassed)"), 1},
+        {std::regex(R"(wasapi: audio thread MMCSS task=\d+ \(Pro Audio\))"), 2},
+        {std::regex(R"(wasapi_thread: underrun #\d+ \(endpoint drained before wake\))"), -1},
     };
 #else
     const Form forms[] = {
-        {"alsa: 48000 Hz f32 stereo, buffer {n} frames ({x} ms), period {n} frames ({x} ms), pcm default (FILE)", 0},
-        {"alsa: audio thread SCHED_FIFO priority {n}", 1},  // real-time priority granted
-        {"alsa: pthread_setschedparam(SCHED_FIFO {n}) failed: {*}", 1},  // or refused
-        {"alsa_thread: underrun #{n} (device drained before wake)", -1},
+        {std::regex(R"(alsa: 48000 Hz f32 stereo, buffer \d+ frames \([\d.]+ ms\), period \d+ frames )"
+                    R"(\([\d.]+ ms\), pcm default \(FILE\))"), 0},
+        {std::regex(R"(alsa: audio thread SCHED_FIFO priority \d+)"), 1},  // real-time priority granted
+        {std::regex(R"(alsa: pthread_setschedparam\(SCHED_FIFO \d+\) failed: .+)"), 1},  // or refused
+        {std::regex(R"(alsa_thread: underrun #\d+ \(device drained before wake\))"), -1},
     };
 #endif
     int seen[3] = {};
@@ -159,7 +144,7 @@ void check_report(const Played& p) {
     for (size_t end; (end = p.report.find('\n', start)) != std::string::npos; start = end + 1) {
         std::string line = p.report.substr(start, end - start);
         const Form* form = std::find_if(std::begin(forms), std::end(forms),
-                                        [&](const Form& f) { return matches(f.pattern, line.c_str()); });
+                                        [&](const Form& f) { return std::regex_match(line, f.pattern); });
         if (form == std::end(forms)) {
             ADD_FAILURE() << "unexpected output: " << line;
             continue;
@@ -195,7 +180,7 @@ constexpr uint64_t MIN_FRAMES = 4800;  // 100 ms: the thread ran and kept up at 
 }  // namespace
 
 TEST(AudioCapture, DeliversEveryFrameInOrder) {
-    if (!scenario("capture")) GTEST_SKIP() << "runs as the playback_audio_capture_play CTest entry";
+    if (!scenario("capture")) GTEST_SKIP() << "runs as the playback_audio_capture CTest entry";
     Played p = play_for(10000, PLAY_TIME);
     check_report(p);
     check_callbacks(p);
@@ -220,7 +205,7 @@ TEST(AudioCapture, DeliversEveryFrameInOrder) {
 }
 
 TEST(AudioCapture, ShortestLatencyStillGetsADevicePeriod) {
-    if (!scenario("capture")) GTEST_SKIP() << "runs as the playback_audio_capture_play CTest entry";
+    if (!scenario("capture")) GTEST_SKIP() << "runs as the playback_audio_capture CTest entry";
     Played p = play_for(1000, PLAY_TIME);
     check_report(p);
     check_callbacks(p);
@@ -231,7 +216,7 @@ TEST(AudioCapture, ShortestLatencyStillGetsADevicePeriod) {
 }
 
 TEST(AudioCapture, OneOutputAtATime) {
-    if (!scenario("capture")) GTEST_SKIP() << "runs as the playback_audio_capture_play CTest entry";
+    if (!scenario("capture")) GTEST_SKIP() << "runs as the playback_audio_capture CTest entry";
     Producer a, b;
     testing::internal::CaptureStderr();
     int first = audio_open(10000, produce, &a);
@@ -245,32 +230,6 @@ TEST(AudioCapture, OneOutputAtATime) {
     EXPECT_NE(report.find("_open: output already open\n"), std::string::npos) << report;
     EXPECT_GT(a.calls, 0u);
     EXPECT_EQ(b.calls, 0u);
-    // And the output opens again afterwards.
-    Played p = play_for(10000, std::chrono::milliseconds(200));
-    uint64_t silence = 0;
-    EXPECT_GE(check_capture(p, silence), MIN_FRAMES) << p.report;
-}
-
-// The reference for the capture comparison: the same signal as a WAV render.
-TEST(AudioCapture, RenderSignal) {
-    const char* wav = std::getenv("ORVEL_CAPTURE_WAV");
-    if (!wav) GTEST_SKIP() << "runs as the playback_audio_capture_render CTest entry";
-    constexpr uint32_t FRAMES = 10 * 48000;
-    std::vector<float> s(2 * FRAMES);
-    for (uint32_t k = 0; k < FRAMES; k++) signal_frame(k, &s[2 * k]);
-    ASSERT_EQ(wav_write_s16_le(wav, s.data(), FRAMES), 0);
-}
-
-TEST(AudioThread, DenormalsFlushedPerThread) {
-    bool before = true, after = false;
-    std::thread([&] {
-        before = denormals_flushed();
-        audio_flush_denormals();
-        after = denormals_flushed();
-    }).join();
-    EXPECT_FALSE(before);
-    EXPECT_TRUE(after);
-    EXPECT_FALSE(denormals_flushed()) << "only the calling thread changes";
 }
 
 TEST(AudioThread, FirstAndEveryHundredthUnderrunReported) {

@@ -2,7 +2,6 @@
 
 #include <bit>
 #include <cstdio>
-#include <cstdlib>
 #include <fstream>
 #include <iterator>
 
@@ -93,7 +92,7 @@ bool read_wav_s16(const std::string& path, std::vector<int16_t>& samples, std::s
 }
 
 CaptureMatch capture_match(const std::vector<float>& capture, const std::vector<int16_t>& reference,
-                           uint32_t min_frames, int tolerance) {
+                           uint32_t min_frames) {
     size_t cap_frames = capture.size() / 2, ref_frames = reference.size() / 2;
     std::vector<int16_t> cap(capture.size());
     for (size_t i = 0; i < capture.size(); i++) cap[i] = wav_sample_s16(capture[i]);
@@ -119,7 +118,7 @@ CaptureMatch capture_match(const std::vector<float>& capture, const std::vector<
     for (size_t i = 0; i < n; i++) {
         const int16_t* c = &cap[2 * (offset + i)];
         const int16_t* r = &reference[2 * i];
-        if (std::abs(c[0] - r[0]) > tolerance || std::abs(c[1] - r[1]) > tolerance) {
+        if (c[0] != r[0] || c[1] != r[1]) {
             std::snprintf(text, sizeof text, "reference frame %zu (capture frame %zu): capture (%d,%d), reference (%d,%d)",
                           i, offset + i, c[0], c[1], r[0], r[1]);
             return {false, text, uint32_t(offset), uint32_t(i)};

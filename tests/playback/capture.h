@@ -26,7 +26,7 @@ struct CaptureMatch {
 
 // Finds the reference (a WAV render) in the capture after the output's
 // leading silence and compares the overlap sample by sample, the capture
-// rounded as the WAV writer rounds, within `tolerance` steps. At least
-// `min_frames` frames from the reference's first sound on must overlap.
+// rounded as the WAV writer rounds. At least `min_frames` frames from the
+// reference's first sound on must overlap.
 CaptureMatch capture_match(const std::vector<float>& capture, const std::vector<int16_t>& reference,
-                           uint32_t min_frames, int tolerance);
+                           uint32_t min_frames);
