@@ -260,7 +260,8 @@ int xpk_nuke(const uint8_t* src, uint32_t src_len, uint8_t* dst, uint32_t dst_le
 }
 
 int xpk_sqsh(const uint8_t* src, uint32_t src_len, uint8_t* dst, uint32_t dst_len) {
-    if (src_len < 3 || be16(src) != dst_len || dst_len == 0) return 1;
+    if (src_len < 3 || be16(src) != dst_len) return 1;
+    if (dst_len == 0) return 0;
     TwoEnds in{src, 3, src_len, false};
     MsbBits<1, FRONT> bits;
     uint8_t cur = src[2];
@@ -413,9 +414,7 @@ uint8_t* xpk_unpack(const uint8_t* data, uint32_t len, uint32_t& out_len) {
                 std::fprintf(stderr, "xpk: unsupported sub-format '%c%c%c%c'\n", id[0], id[1], id[2],
                              id[3]);
                 ok = false;
-            } else if (size > 0) {
-                // A chunk of nothing is not handed to a decoder: SQSH could not
-                // even express it.
+            } else {
                 ok = decode(data + at, packed, dst, size) == 0;
             }
         } else if (ok && type == CHUNK_END) {

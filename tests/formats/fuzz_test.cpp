@@ -31,12 +31,21 @@ const Archive ARCHIVES[] = {
     {"lha/archives/maclha_224/l0_lh5.lzh", true},
     {"lha/archives/morphos_lha_2717/h0_lh5.lzh", true},
     {"lha/archives/regression/truncated.lzh", true},
+    {"lha/archives/lha213/lh5_long.lzh", true},
+    {"lha/archives/morphos_lha_2717/h2_lh5.lzh", true},
+    {"lha/archives/morphos_lha_2717/h0_metadata.lzh", true},
+    {"lha/archives/lha_amiga_122/level1.lzh", true},
+    {"lha/archives/lha_amiga_122/lh0.lzh", true},
+    {"lha/archives/lha_amiga_122/lh1.lzh", true},
+    {"lha/archives/lha_amiga_122/lh4.lzh", true},
     {"xpk/test_C1_nuke.xpkf", false},
     {"xpk/test_C1_duke.xpkf", false},
     {"xpk/test_C1_sqsh.xpkf", false},
     {"xpk/test_C1_fast.xpkf", false},
     {"xpk/test_C1_rlen.xpkf", false},
     {"xpk/test_C1_none.xpkf", false},
+    {"xpk/test_C1_mash.xpkf", false},
+    {"xpk/test_C1_gzip.xpkf", false},
 };
 
 // The damaged file must come back either whole and unchanged or unpacked to
