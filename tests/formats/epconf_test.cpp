@@ -416,9 +416,3 @@ TEST_F(Epconf, RandomContentsOfEveryLength) {
             EXPECT_EQ(epconf_identify(name, data.get(), len, out, sizeof out), 1);
     }
 }
-
-TEST(EpconfHelpers, TfmxBe32) {
-    const Bytes b = hex("00 11 22 33 44 55");
-    EXPECT_EQ(tfmx_be32(b.data(), 0), 0x00112233u);
-    EXPECT_EQ(tfmx_be32(b.data(), 2), 0x22334455u);
-}

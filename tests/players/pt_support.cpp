@@ -158,7 +158,8 @@ std::string trace(const std::vector<uint8_t>& module, int ticks, int variant) {
     return out;
 }
 
-double tick_seconds(const PtState& s) {
+// Seconds of one tick at the replay's present tempo.
+static double tick_seconds(const PtState& s) {
     // Fxx tempos are whole BPM; Soundtracker's tempo byte sets the timer.
     if (pt_cia_timer(&s) == CIA_TIMER_PER_BPM / pt_bpm(&s)) return 2.5 / pt_bpm(&s);
     return pt_cia_timer(&s) / E_CLOCK;

@@ -78,9 +78,6 @@ struct SongEnd {
 SongEnd time_to_song_end(const std::vector<uint8_t>& module, int variant = PT_AUTO,
                          double max_seconds = 3600);
 
-// Seconds of one tick at the replay's present tempo.
-double tick_seconds(const PtState& s);
-
 std::vector<uint8_t> read_file(const std::string& path);
 void write_file(const std::string& path, const std::vector<uint8_t>& data);
 
@@ -94,7 +91,7 @@ std::optional<double> openmpt_duration(const std::string& path);
 // `path` should be a copy of the module in a scratch directory. Stereo
 // separation in percent: at its default of 100 openmpt123 pans MOD channels
 // about 75/25; 200 puts them hard left and right, as Paula does.
-std::vector<float> render_openmpt(const std::string& path, double seconds, int separation = 100);
+std::vector<float> render_openmpt(const std::string& path, double seconds, int separation);
 
 // Loudness envelope: RMS of each 20 ms window over `windows` windows, of
 // the left or right side, their sum (mono), or both sides' power together.

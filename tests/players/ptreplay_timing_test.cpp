@@ -1,6 +1,7 @@
 // When the replay reports the song's end, against openmpt123's duration of
-// the first subsong: for the shared test modules, and for small modules that
-// exercise every way a song can jump, loop, wait and end.
+// the first subsong, for small modules that exercise every way a song can
+// jump, loop, wait and end. (The real modules are played through the whole
+// machine in bundled_player_test.)
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -37,28 +38,6 @@ void expect_matches_openmpt(const std::vector<uint8_t>& module, const std::strin
 }
 
 }  // namespace
-
-TEST(PtTiming, SharedModulesEndWhenOpenmptSaysSo) {
-    if (!have_openmpt()) GTEST_SKIP() << "openmpt123 not available (or Windows build)";
-    const char* files[] = {"CV_BOSS.MOD", "CV_TECH.MOD", "TDZ1.MOD",
-                           "TDZ2.MOD",    "TDZ3.MOD",    "openmpt-test.mod"};
-    int found = 0;
-    for (const char* f : files) {
-        std::string path = testdata_path(std::string("mods/") + f);
-        std::vector<uint8_t> m = read_file(path);
-        if (m.empty()) continue;
-        found++;
-        SCOPED_TRACE(f);
-        std::optional<double> want = openmpt_duration(path);
-        ASSERT_TRUE(want);
-        SongEnd got = time_to_song_end(m);
-        ASSERT_TRUE(got.reached);
-        std::printf("  %-18s replay %8.3f s  openmpt123 %8.3f s  difference %+.3f s\n", f,
-                    got.seconds, *want, got.seconds - *want);
-        EXPECT_NEAR(got.seconds, *want, TOLERANCE_S);
-    }
-    if (!found) GTEST_SKIP() << "test data not found under " << testdata_path("mods");
-}
 
 // Each case is a one- to three-pattern module; rows that are not listed are
 // empty. The note on row 0 of channel 0 keeps a sample playing throughout.
