@@ -1,9 +1,7 @@
 // The demo module the build composes: a well-formed M.K. file that uses the
-// effects it is meant to show, lasts at least 20 seconds, and ends where
-// openmpt123 says it does.
+// effects it is meant to show and lasts at least 20 seconds.
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <set>
 
 #include "pt_support.h"
@@ -62,16 +60,11 @@ TEST(Demo, UsesTheEffectsItShowsOff) {
         EXPECT_TRUE(used.count(want)) << "effect " << want << " is not used";
 }
 
-TEST(Demo, PlaysForAtLeastTwentySecondsAndEndsWithOpenmpt) {
+// Where it ends against openmpt123 is part of bundled_player_test.
+TEST(Demo, PlaysForAtLeastTwentySeconds) {
     std::vector<uint8_t> m = demo();
     ASSERT_GT(m.size(), 1084u);
     SongEnd end = time_to_song_end(m);
     ASSERT_TRUE(end.reached);
     EXPECT_GE(end.seconds, MIN_SECONDS);
-    if (!have_openmpt()) GTEST_SKIP() << "openmpt123 not available (or Windows build)";
-    std::optional<double> want = openmpt_duration(ORVEL_DEMO_MOD);
-    ASSERT_TRUE(want) << "openmpt123 cannot read the demo module";
-    std::printf("  demo.mod: replay %.3f s, openmpt123 %.3f s\n", end.seconds, *want);
-    EXPECT_GE(*want, MIN_SECONDS);
-    EXPECT_NEAR(end.seconds, *want, 0.1);
 }
