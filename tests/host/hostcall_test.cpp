@@ -198,9 +198,13 @@ TEST_F(ProbeTest, OptionHandOver) {
         std::memset(m.chip_ram + flags, 0xEE, 0x200);
         expect_d0(lib(LIB5_BASE, -24, {.d0 = 7, .a0 = SCRATCH, .ccr = ALL}), 0);
         EXPECT_EQ(read16(m, flags), want != "-") << epopt << " / " << name;
-        EXPECT_EQ(std::string(m.chip_ram + value - 0x40, m.chip_ram + value - 0x3F) +
-                      std::string(m.chip_ram + value, m.chip_ram + value + want.size() + 2),
-                  "\xEE" + (want == "-" ? "\xEE\xEE\xEE" : want + '\0' + "\xEE"));
+        // The byte before the value buffer, then the value and two bytes after it.
+        std::string got(1, char(m.chip_ram[value - 0x40]));
+        got.append(m.chip_ram + value, m.chip_ram + value + want.size() + 2);
+        std::string expect("\xEE");
+        if (want == "-") expect.append("\xEE\xEE\xEE");
+        else expect.append(want).append(1, '\0').append("\xEE");
+        EXPECT_EQ(got, expect);
     }
 }
 
